@@ -1,0 +1,45 @@
+# The two set-up commands of the README:
+#   make demo   installs what the build needs, builds, and runs the loopback demo
+#   make test   installs what the build needs, builds, and runs the tests
+JOBS ?= $(shell nproc)
+
+.PHONY: setup release demo test asan tsan bench fuzz consumer format clean
+
+setup:
+	@./scripts/setup
+
+release: setup
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release -j $(JOBS)
+
+demo: release
+	@./build/release/tools/lmkit/lmkit demo
+
+test: release
+	@ctest --preset release
+
+asan: setup
+	@cmake --preset asan >/dev/null
+	@cmake --build --preset asan -j $(JOBS)
+	@ctest --preset asan
+
+tsan: setup
+	@cmake --preset tsan >/dev/null
+	@cmake --build --preset tsan -j $(JOBS)
+	@ctest --preset tsan
+
+bench: release
+	@./bench/run build/release
+
+fuzz: setup
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz -j $(JOBS)
+
+consumer: release
+	@./tests/consumer/run build/release
+
+format:
+	@git ls-files '*.cpp' '*.hpp' | xargs clang-format -i
+
+clean:
+	@rm -rf build

@@ -1,0 +1,25 @@
+# lmkit_area(NAME DEPS ...) builds src/NAME/**.cpp into the static library lmkit_NAME.
+# An area without sources yet contributes nothing.
+set(LMKIT_AREA_TARGETS "")
+function(lmkit_area name)
+  cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/src/${name}/*.cpp")
+  set(target lmkit_${name})
+  if(sources)
+    add_library(${target} STATIC ${sources})
+    target_compile_options(${target} PRIVATE -Wall -Wextra)
+    target_include_directories(${target}
+      PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:include>
+      PRIVATE ${PROJECT_SOURCE_DIR}/src)
+  else()
+    add_library(${target} INTERFACE)
+  endif()
+  if(sources)
+    target_link_libraries(${target} PUBLIC ${ARG_DEPS})
+  else()
+    target_link_libraries(${target} INTERFACE ${ARG_DEPS})
+  endif()
+  set_target_properties(${target} PROPERTIES EXPORT_NAME ${name})
+  add_library(lmkit::${name} ALIAS ${target})
+  set(LMKIT_AREA_TARGETS ${LMKIT_AREA_TARGETS} ${target} PARENT_SCOPE)
+endfunction()

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <source_location>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace lmkit::log {
+
+/// Level flags; a level mask is an OR of them.
+enum Flag : unsigned { kError = 1, kWarning = 2, kInfo = 4, kDebug = 8, kVerbose = 16 };
+inline constexpr unsigned kAllLevels = kError | kWarning | kInfo | kDebug | kVerbose;
+
+/// The three log streams: the app ("op"), the API client ("api") and the tunnel ("tunnel").
+enum class Stream { App, Api, Tunnel };
+
+/// One message as the kit hands it to the log streams.
+struct LogMessage {
+    std::string message;
+    unsigned flag = kInfo;
+    std::chrono::system_clock::time_point timestamp;
+    std::string threadName;  // the OS thread's name, when it has one
+    std::string queueLabel;  // the label of the dispatch queue running the caller
+    std::string file;
+    std::string function;
+    unsigned line = 0;
+    Stream stream = Stream::App;
+};
+
+using Location = std::source_location;
+
+/// Logs `text` at the given flag. Never throws: a failing sink loses the line, not the caller.
+void write(unsigned flag, std::string_view text, Stream stream = Stream::App,
+           const Location& location = Location::current());
+
+inline void error(std::string_view text, Stream stream = Stream::App,
+                  const Location& location = Location::current()) {
+    write(kError, text, stream, location);
+}
+inline void warning(std::string_view text, Stream stream = Stream::App,
+                    const Location& location = Location::current()) {
+    write(kWarning, text, stream, location);
+}
+inline void info(std::string_view text, Stream stream = Stream::App,
+                 const Location& location = Location::current()) {
+    write(kInfo, text, stream, location);
+}
+inline void debug(std::string_view text, Stream stream = Stream::App,
+                  const Location& location = Location::current()) {
+    write(kDebug, text, stream, location);
+}
+inline void verbose(std::string_view text, Stream stream = Stream::App,
+                    const Location& location = Location::current()) {
+    write(kVerbose, text, stream, location);
+}
+
+/// Receives every message logged while it is installed.
+class Observer {
+public:
+    virtual ~Observer() = default;
+    virtual void log(const LogMessage& message) = 0;
+};
+void addObserver(std::shared_ptr<Observer> observer);
+void removeObserver(const std::shared_ptr<Observer>& observer);
+
+/// Records the messages logged during its lifetime (for tests and tools that show what the kit
+/// said).
+class Capture {
+public:
+    Capture();
+    ~Capture();
+    Capture(const Capture&) = delete;
+    Capture& operator=(const Capture&) = delete;
+
+    std::vector<LogMessage> messages() const;
+    /// The message texts, in order.
+    std::vector<std::string> texts() const;
+    /// True when some message text contains `fragment`.
+    bool contains(std::string_view fragment) const;
+    /// How many message texts contain `fragment`.
+    std::size_t count(std::string_view fragment) const;
+    void clear();
+
+private:
+    struct Recorder;
+    std::shared_ptr<Recorder> recorder_;
+};
+
+}  // namespace lmkit::log

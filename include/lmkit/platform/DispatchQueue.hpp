@@ -1,0 +1,71 @@
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <memory>
+#include <string>
+
+namespace lmkit {
+
+/// Quality of service of the global concurrent queues.
+enum class QoS { UserInteractive, UserInitiated, Default, Utility, Background };
+
+/// A handle to a queue of work on the kit's process-wide thread pool.
+///
+/// Serial queues run one block at a time in submission order; global queues run blocks
+/// concurrently. The label of the queue running the current block is readable from that block
+/// (currentLabel()), so log lines can name it. Handles are cheap to copy; a queue lives as long
+/// as any handle or pending block refers to it.
+class DispatchQueue {
+public:
+    using Block = std::function<void()>;
+
+    /// A new serial queue.
+    static DispatchQueue serial(std::string label);
+    /// The shared concurrent queue for `qos`.
+    static DispatchQueue global(QoS qos = QoS::Default);
+    /// The main queue: serial. The kit serves it on its own pool unless the application hands it
+    /// an executor of its own loop with setMainExecutor().
+    static DispatchQueue main();
+    /// Makes the main queue run its blocks through `executor` (which must run them one at a time,
+    /// in order). An empty function gives the main queue back to the kit's pool.
+    static void setMainExecutor(std::function<void(Block)> executor);
+
+    /// The label of the queue running the calling code, or "" outside any queue.
+    static std::string currentLabel();
+
+    DispatchQueue() = delete;
+
+    const std::string& label() const;
+    bool isSerial() const;
+    /// True when the calling code runs on this queue.
+    bool isCurrent() const;
+
+    void async(Block block) const;
+    /// Runs `block` on the queue and returns when it has run. Called from the queue itself (a
+    /// serial queue would deadlock), it runs the block at once.
+    void sync(const Block& block) const;
+    /// Runs `block` on the queue after `seconds` (at once for zero or less).
+    void asyncAfter(double seconds, Block block) const;
+
+    bool operator==(const DispatchQueue& other) const { return impl_ == other.impl_; }
+
+    struct Impl;
+
+private:
+    explicit DispatchQueue(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
+    std::shared_ptr<Impl> impl_;
+    friend class DispatchTimerSource;
+    friend class WeakTimer;
+};
+
+/// Runs a block once per process, however many threads ask at once (dispatch_once).
+class DispatchOnce {
+public:
+    void operator()(const std::function<void()>& block);
+
+private:
+    std::once_flag flag_;
+};
+
+}  // namespace lmkit

@@ -1,0 +1,106 @@
+// test-labels: concurrency
+#include "lmkit/platform/DispatchGroup.hpp"
+#include "lmkit/platform/DispatchQueue.hpp"
+#include "lmkit/platform/DispatchTimerSource.hpp"
+
+#include <atomic>
+#include <chrono>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/TestSupport.hpp"
+
+using namespace lmkit;
+using lmkit::testing::waitFor;
+
+TEST(DispatchQueue, SerialQueueRunsBlocksOneAtATimeInOrderAndNamesItself) {
+    auto queue = DispatchQueue::serial("test.serial.queue");
+    std::vector<int> order;  // touched only on the queue
+    std::atomic<int> inside{0};
+    std::atomic<bool> overlapped{false};
+    DispatchGroup group;
+    for (int i = 0; i < 200; ++i) {
+        group.enter();
+        queue.async([&, i] {
+            if (inside.fetch_add(1) != 0) overlapped = true;
+            order.push_back(i);
+            EXPECT_EQ(DispatchQueue::currentLabel(), "test.serial.queue");
+            EXPECT_TRUE(queue.isCurrent());
+            inside.fetch_sub(1);
+            group.leave();
+        });
+    }
+    ASSERT_TRUE(group.wait(5));
+    EXPECT_FALSE(overlapped);
+    std::vector<int> expected(200);
+    for (int i = 0; i < 200; ++i) expected[i] = i;
+    queue.sync([&] { EXPECT_EQ(order, expected); });
+    EXPECT_EQ(DispatchQueue::currentLabel(), "");
+}
+
+TEST(DispatchQueue, SyncFromTheQueueItselfRunsInlineInsteadOfDeadlocking) {
+    auto queue = DispatchQueue::serial("test.reentrant");
+    bool ranInner = false;
+    queue.sync([&] { queue.sync([&] { ranInner = true; }); });
+    EXPECT_TRUE(ranInner);
+}
+
+TEST(DispatchQueue, AsyncAfterWaitsAtLeastTheDelay) {
+    auto queue = DispatchQueue::serial("test.after");
+    auto start = std::chrono::steady_clock::now();
+    std::atomic<double> elapsed{-1};
+    queue.asyncAfter(0.05, [&] {
+        elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    });
+    ASSERT_TRUE(waitFor([&] { return elapsed >= 0; }));
+    EXPECT_GE(elapsed, 0.05);
+}
+
+TEST(DispatchQueue, MainQueueCanBeServedByTheApplicationsLoop) {
+    std::atomic<int> handedOver{0};
+    DispatchQueue::setMainExecutor([&](DispatchQueue::Block block) {
+        ++handedOver;
+        block();
+    });
+    std::atomic<bool> ran{false};
+    DispatchQueue::main().async([&] {
+        EXPECT_EQ(DispatchQueue::currentLabel(), DispatchQueue::main().label());
+        ran = true;
+    });
+    DispatchQueue::setMainExecutor(nullptr);
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(handedOver, 1);
+}
+
+TEST(DispatchGroup, WaitTimesOutUntilEveryEnterIsLeftAndNotifyRunsOnce) {
+    DispatchGroup group;
+    group.enter();
+    group.enter();
+    EXPECT_FALSE(group.wait(0.01));
+    std::atomic<int> notified{0};
+    group.notify(DispatchQueue::global(), [&] { ++notified; });
+    group.leave();
+    EXPECT_FALSE(group.wait(0.01));
+    group.leave();
+    group.leave();  // unmatched: ignored
+    EXPECT_TRUE(group.wait(0.01));
+    ASSERT_TRUE(waitFor([&] { return notified == 1; }));
+    group.enter();
+    group.leave();
+    EXPECT_EQ(notified, 1);
+}
+
+TEST(DispatchTimerSource, TicksUntilCancelledAndNotAfter) {
+    auto queue = DispatchQueue::serial("test.timer.source");
+    std::atomic<int> ticks{0};
+    auto source = DispatchTimerSource::create(queue, 0.005, [&] { ++ticks; });
+    source->resume();
+    ASSERT_TRUE(waitFor([&] { return ticks >= 3; }));
+    source->cancel();
+    queue.sync([] {});
+    int afterCancel = ticks;
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(ticks, afterCancel);
+    source->cancel();  // idempotent
+}
