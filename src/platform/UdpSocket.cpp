@@ -1,0 +1,650 @@
+#include "lmkit/platform/UdpSocket.hpp"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <future>
+#include <map>
+#include <mutex>
+#include <shared_mutex>
+#include <system_error>
+
+#include <asio/bind_executor.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/post.hpp>
+#include <asio/strand.hpp>
+
+#include "lmkit/platform/InterfaceAddresses.hpp"
+#include "platform/ThreadPool.hpp"
+
+namespace lmkit {
+
+namespace {
+
+// Datagrams taken from the kernel per system call; one call empties most reply bursts.
+constexpr unsigned kReceiveBatch = 32;
+// Batches drained per wake-up before yielding the strand to other work (close, perform).
+constexpr int kBatchesPerWakeup = 16;
+// How long a send waits for room in a full send buffer before reporting EAGAIN: long enough
+// for the kernel to drain a burst, short enough not to stall the sending queue.
+constexpr int kSendBufferWaitMilliseconds = 200;
+
+Error posixError(int code) {
+    return Error::withDescription(UdpSocket::kPosixErrorDomain, code,
+                                  std::system_category().message(code));
+}
+
+Error socketError(long code, std::string description) {
+    return Error::withDescription(UdpSocket::kSocketErrorDomain, code, std::move(description));
+}
+
+/// A destination in socket-address form.
+struct Destination {
+    sockaddr_storage storage{};
+    socklen_t length = 0;
+    int family = 0;
+};
+
+std::optional<Destination> parseLiteral(const std::string& host, uint16_t port) {
+    Destination destination;
+    in_addr v4{};
+    in6_addr v6{};
+    if (inet_pton(AF_INET, host.c_str(), &v4) == 1) {
+        auto* in = reinterpret_cast<sockaddr_in*>(&destination.storage);
+        in->sin_family = AF_INET;
+        in->sin_port = htons(port);
+        in->sin_addr = v4;
+        destination.length = sizeof(sockaddr_in);
+        destination.family = AF_INET;
+        return destination;
+    }
+    if (inet_pton(AF_INET6, host.c_str(), &v6) == 1) {
+        auto* in6 = reinterpret_cast<sockaddr_in6*>(&destination.storage);
+        in6->sin6_family = AF_INET6;
+        in6->sin6_port = htons(port);
+        in6->sin6_addr = v6;
+        destination.length = sizeof(sockaddr_in6);
+        destination.family = AF_INET6;
+        return destination;
+    }
+    return std::nullopt;
+}
+
+/// Rewrites an IPv4 destination as IPv4-mapped IPv6 for a dual-stack socket.
+Destination mapToIPv6(const Destination& v4) {
+    const auto* in = reinterpret_cast<const sockaddr_in*>(&v4.storage);
+    Destination mapped;
+    auto* in6 = reinterpret_cast<sockaddr_in6*>(&mapped.storage);
+    in6->sin6_family = AF_INET6;
+    in6->sin6_port = in->sin_port;
+    in6->sin6_addr.s6_addr[10] = 0xff;
+    in6->sin6_addr.s6_addr[11] = 0xff;
+    std::memcpy(&in6->sin6_addr.s6_addr[12], &in->sin_addr, 4);
+    mapped.length = sizeof(sockaddr_in6);
+    mapped.family = AF_INET6;
+    return mapped;
+}
+
+SocketAddress describeSource(const sockaddr_storage& storage) {
+    SocketAddress address;
+    char text[INET6_ADDRSTRLEN] = {};
+    if (storage.ss_family == AF_INET) {
+        const auto* in = reinterpret_cast<const sockaddr_in*>(&storage);
+        inet_ntop(AF_INET, &in->sin_addr, text, sizeof text);
+        address.port = ntohs(in->sin_port);
+        address.family = AF_INET;
+    } else if (storage.ss_family == AF_INET6) {
+        const auto* in6 = reinterpret_cast<const sockaddr_in6*>(&storage);
+        address.port = ntohs(in6->sin6_port);
+        if (IN6_IS_ADDR_V4MAPPED(&in6->sin6_addr)) {
+            inet_ntop(AF_INET, &in6->sin6_addr.s6_addr[12], text, sizeof text);
+            address.family = AF_INET;
+        } else {
+            inet_ntop(AF_INET6, &in6->sin6_addr, text, sizeof text);
+            address.family = AF_INET6;
+        }
+    }
+    address.host = text;
+    return address;
+}
+
+}  // namespace
+
+struct UdpSocket::State : std::enable_shared_from_this<State> {
+    using Event = std::function<void(UdpSocket&, UdpSocketDelegate&)>;
+
+    State(std::weak_ptr<UdpSocketDelegate> delegate, DispatchQueue delegateQueue)
+        : delegate(std::move(delegate)),
+          delegateQueue(std::move(delegateQueue)),
+          strand(asio::make_strand(detail::poolExecutor())) {}
+
+    std::weak_ptr<UdpSocket> owner;
+    const std::weak_ptr<UdpSocketDelegate> delegate;
+    const DispatchQueue delegateQueue;
+    asio::strand<asio::any_io_executor> strand;
+
+    // Written on the strand under a unique lock; read on the strand freely and elsewhere under
+    // a shared lock, so that a send never writes to a descriptor that close() recycled.
+    mutable std::shared_mutex fdMutex;
+    int fd = -1;
+    int family = 0;
+    uint16_t port = 0;
+
+    // Strand only.
+    std::optional<asio::posix::stream_descriptor> descriptor;
+    bool receiving = false;
+    std::vector<uint8_t> receiveBuffer;
+    std::array<mmsghdr, kReceiveBatch> messages{};
+    std::array<iovec, kReceiveBatch> vectors{};
+    std::array<sockaddr_storage, kReceiveBatch> sources{};
+
+    std::atomic<bool> closed{false};
+
+    // Delegate events wait here and are delivered by at most one drain block at a time, so that
+    // they arrive in order even on a concurrent delegate queue.
+    std::mutex outboxMutex;
+    std::deque<Event> outbox;     // guarded by outboxMutex
+    bool drainScheduled = false;  // guarded by outboxMutex
+    bool finished = false;        // guarded by outboxMutex: did-close (or silence) queued
+
+    // Host names being resolved, or resolved, with the datagrams waiting for them.
+    struct Pending {
+        std::vector<uint8_t> data;
+        uint16_t port;
+        long tag;
+    };
+    struct Resolution {
+        bool done = false;
+        std::optional<Destination> address;  // resolved address (port filled in per send)
+        std::optional<Error> error;
+        std::vector<Pending> waiting;
+    };
+    std::mutex resolveMutex;
+    std::map<std::string, Resolution> resolutions;  // guarded by resolveMutex
+
+    std::atomic<int> injectedFailures{0};
+    std::atomic<int> injectedErrno{0};
+
+    template <class F>
+    void runOnStrand(F&& work) {
+        if (strand.running_in_this_thread()) {
+            work();
+            return;
+        }
+        std::promise<void> done;
+        asio::post(strand, [&] {
+            work();
+            done.set_value();
+        });
+        done.get_future().wait();
+    }
+
+    void enqueue(Event event, bool last = false) {
+        std::lock_guard lock(outboxMutex);
+        if (finished)
+            return;
+        if (last)
+            finished = true;
+        outbox.push_back(std::move(event));
+        if (drainScheduled)
+            return;
+        drainScheduled = true;
+        delegateQueue.async([self = shared_from_this()] { self->drain(); });
+    }
+
+    void drain() {
+        for (;;) {
+            std::deque<Event> batch;
+            {
+                std::lock_guard lock(outboxMutex);
+                if (outbox.empty()) {
+                    drainScheduled = false;
+                    return;
+                }
+                batch.swap(outbox);
+            }
+            for (auto& event : batch) {
+                auto socket = owner.lock();
+                auto target = delegate.lock();
+                if (!socket || !target)
+                    continue;
+                event(*socket, *target);
+            }
+        }
+    }
+
+    void reportNotSent(long tag, Error error) {
+        enqueue([tag, error = std::move(error)](UdpSocket& socket, UdpSocketDelegate& target) {
+            target.udpSocketDidNotSendData(socket, tag, error);
+        });
+    }
+
+    // Strand only.
+    bool openAndBind(uint16_t localPort, const std::optional<std::string>& interfaceName,
+                     Error* error) {
+        auto fail = [&](Error failure) {
+            if (error)
+                *error = std::move(failure);
+            return false;
+        };
+        if (closed)
+            return fail(socketError(kClosed, "socket is closed"));
+        if (fd >= 0)
+            return fail(socketError(kBadConfig, "socket is already bound"));
+
+        sockaddr_storage local{};
+        socklen_t localLength = 0;
+        int newFamily = AF_INET6;
+        int newFd = -1;
+        if (interfaceName) {
+            auto address = bindableAddressOfInterface(*interfaceName);
+            if (!address) {
+                return fail(socketError(kNoInterfaceAddress,
+                                        "interface " + *interfaceName + " has no address"));
+            }
+            newFamily = address->family;
+            localLength = static_cast<socklen_t>(address->sockaddr.size());
+            std::memcpy(&local, address->sockaddr.data(), address->sockaddr.size());
+            newFd = ::socket(newFamily, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        } else {
+            newFd = ::socket(AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            if (newFd < 0 && errno == EAFNOSUPPORT) {
+                // A host without IPv6 still gets a working IPv4 socket.
+                newFamily = AF_INET;
+                newFd = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            }
+            local.ss_family = static_cast<sa_family_t>(newFamily);
+            localLength = newFamily == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+        }
+        if (newFd < 0)
+            return fail(posixError(errno));
+        if (newFamily == AF_INET6 && !interfaceName) {
+            int off = 0;
+            setsockopt(newFd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+        }
+        if (newFamily == AF_INET6) {
+            reinterpret_cast<sockaddr_in6*>(&local)->sin6_port = htons(localPort);
+        } else {
+            reinterpret_cast<sockaddr_in*>(&local)->sin_port = htons(localPort);
+        }
+        if (::bind(newFd, reinterpret_cast<sockaddr*>(&local), localLength) != 0) {
+            int code = errno;
+            ::close(newFd);
+            return fail(posixError(code));
+        }
+        sockaddr_storage bound{};
+        socklen_t boundLength = sizeof bound;
+        getsockname(newFd, reinterpret_cast<sockaddr*>(&bound), &boundLength);
+        enlargeReceiveBuffer(newFd, kDefaultReceiveBufferBytes);
+
+        std::unique_lock lock(fdMutex);
+        fd = newFd;
+        family = newFamily;
+        port = describeSource(bound).port;
+        descriptor.emplace(strand, newFd);
+        return true;
+    }
+
+    static int enlargeReceiveBuffer(int socketFd, int bytes) {
+        if (setsockopt(socketFd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
+            setsockopt(socketFd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+        }
+        int granted = 0;
+        socklen_t length = sizeof granted;
+        getsockopt(socketFd, SOL_SOCKET, SO_RCVBUF, &granted, &length);
+        return granted;
+    }
+
+    // Strand only.
+    void startReceiving() {
+        if (receiving || !descriptor)
+            return;
+        receiving = true;
+        receiveBuffer.assign(kReceiveBatch * kMaxDatagramBytes, 0);
+        armReceive();
+    }
+
+    void armReceive() {
+        descriptor->async_wait(
+            asio::posix::descriptor_base::wait_read,
+            asio::bind_executor(strand, [weak = weak_from_this()](const std::error_code& ec) {
+                auto self = weak.lock();
+                if (!self || ec || self->closed || !self->descriptor)
+                    return;
+                self->drainSocket();
+                if (!self->closed && self->descriptor)
+                    self->armReceive();
+            }));
+    }
+
+    // Strand only: takes everything the kernel holds (up to a bound) in batches.
+    void drainSocket() {
+        for (int round = 0; round < kBatchesPerWakeup; ++round) {
+            for (unsigned i = 0; i < kReceiveBatch; ++i) {
+                vectors[i].iov_base = receiveBuffer.data() + i * kMaxDatagramBytes;
+                vectors[i].iov_len = kMaxDatagramBytes;
+                messages[i].msg_hdr = {};
+                messages[i].msg_hdr.msg_iov = &vectors[i];
+                messages[i].msg_hdr.msg_iovlen = 1;
+                messages[i].msg_hdr.msg_name = &sources[i];
+                messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_storage);
+                messages[i].msg_len = 0;
+            }
+            int count = recvmmsg(fd, messages.data(), kReceiveBatch, MSG_DONTWAIT, nullptr);
+            if (count <= 0)
+                return;  // EAGAIN (drained), EINTR or a transient error: re-arm
+            for (int i = 0; i < count; ++i) {
+                const auto* begin = static_cast<const uint8_t*>(vectors[i].iov_base);
+                std::vector<uint8_t> data(begin, begin + messages[i].msg_len);
+                SocketAddress source = describeSource(sources[i]);
+                enqueue([data = std::move(data), source = std::move(source)](
+                            UdpSocket& socket, UdpSocketDelegate& target) {
+                    target.udpSocketDidReceiveData(socket, data, source);
+                });
+            }
+            if (count < static_cast<int>(kReceiveBatch))
+                return;
+        }
+    }
+
+    // Strand only.
+    void closeDescriptor() {
+        std::unique_lock lock(fdMutex);
+        if (descriptor) {
+            std::error_code ignored;
+            descriptor->close(ignored);
+            descriptor.reset();
+        }
+        fd = -1;
+        port = 0;
+        receiving = false;
+    }
+
+    void shutdown(std::optional<Error> error, bool notify) {
+        if (closed.exchange(true))
+            return;
+        if (notify) {
+            enqueue(
+                [error = std::move(error)](UdpSocket& socket, UdpSocketDelegate& target) {
+                    target.udpSocketDidClose(socket, error);
+                },
+                true);
+        } else {
+            std::lock_guard lock(outboxMutex);
+            finished = true;
+        }
+        runOnStrand([this] { closeDescriptor(); });
+    }
+
+    bool ensureBound() {
+        {
+            std::shared_lock lock(fdMutex);
+            if (fd >= 0)
+                return true;
+        }
+        bool bound = false;
+        runOnStrand([&] {
+            Error ignored;
+            bound = fd >= 0 || openAndBind(0, std::nullopt, &ignored);
+        });
+        return bound;
+    }
+
+    void sendTo(const uint8_t* data, size_t size, const Destination& destination, long tag) {
+        int remaining = injectedFailures.load();
+        while (remaining > 0 && !injectedFailures.compare_exchange_weak(remaining, remaining - 1)) {
+        }
+        if (remaining > 0) {
+            reportNotSent(tag, posixError(injectedErrno.load()));
+            return;
+        }
+        if (!ensureBound()) {
+            if (!closed)
+                reportNotSent(tag, socketError(kBadConfig, "socket could not be bound"));
+            return;
+        }
+        std::shared_lock lock(fdMutex);
+        if (fd < 0)
+            return;  // closed meanwhile: a closed socket reports nothing more
+        Destination target = destination;
+        if (family == AF_INET6 && destination.family == AF_INET) {
+            target = mapToIPv6(destination);
+        } else if (family == AF_INET && destination.family == AF_INET6) {
+            reportNotSent(tag, posixError(EAFNOSUPPORT));
+            return;
+        }
+        const auto* address = reinterpret_cast<const sockaddr*>(&target.storage);
+        for (;;) {
+            ssize_t sent = ::sendto(fd, data, size, 0, address, target.length);
+            if (sent >= 0)
+                return;
+            int code = errno;
+            if (code == EINTR)
+                continue;
+            if (code == EAGAIN || code == EWOULDBLOCK) {
+                pollfd waiter{fd, POLLOUT, 0};
+                if (::poll(&waiter, 1, kSendBufferWaitMilliseconds) > 0)
+                    continue;
+            }
+            reportNotSent(tag, posixError(code));
+            return;
+        }
+    }
+
+    void sendToName(std::vector<uint8_t> data, const std::string& host, uint16_t destPort,
+                    long tag) {
+        std::unique_lock lock(resolveMutex);
+        auto& resolution = resolutions[host];
+        if (!resolution.done) {
+            bool first = resolution.waiting.empty();
+            resolution.waiting.push_back({std::move(data), destPort, tag});
+            if (first) {
+                DispatchQueue::global().async(
+                    [self = shared_from_this(), host] { self->resolve(host); });
+            }
+            return;
+        }
+        auto address = resolution.address;
+        auto error = resolution.error;
+        lock.unlock();
+        if (!address) {
+            reportNotSent(tag, *error);
+            return;
+        }
+        setPort(*address, destPort);
+        sendTo(data.data(), data.size(), *address, tag);
+    }
+
+    static void setPort(Destination& destination, uint16_t destPort) {
+        if (destination.family == AF_INET6) {
+            reinterpret_cast<sockaddr_in6*>(&destination.storage)->sin6_port = htons(destPort);
+        } else {
+            reinterpret_cast<sockaddr_in*>(&destination.storage)->sin_port = htons(destPort);
+        }
+    }
+
+    void resolve(const std::string& host) {
+        addrinfo hints{};
+        hints.ai_family = AF_UNSPEC;
+        hints.ai_socktype = SOCK_DGRAM;
+        addrinfo* results = nullptr;
+        int status = getaddrinfo(host.c_str(), nullptr, &hints, &results);
+        std::optional<Destination> address;
+        std::optional<Error> error;
+        int socketFamily = 0;
+        {
+            std::shared_lock lock(fdMutex);
+            socketFamily = family;
+        }
+        if (status == 0) {
+            for (addrinfo* entry = results; entry != nullptr; entry = entry->ai_next) {
+                if (entry->ai_family != AF_INET && entry->ai_family != AF_INET6)
+                    continue;
+                if (socketFamily == AF_INET && entry->ai_family != AF_INET)
+                    continue;
+                Destination destination;
+                std::memcpy(&destination.storage, entry->ai_addr, entry->ai_addrlen);
+                destination.length = entry->ai_addrlen;
+                destination.family = entry->ai_family;
+                address = destination;
+                break;
+            }
+            freeaddrinfo(results);
+        }
+        if (!address) {
+            std::string reason = status == 0 ? "no usable address" : gai_strerror(status);
+            error = Error::withDescription(kResolveErrorDomain, status == 0 ? EAI_NONAME : status,
+                                           "cannot resolve " + host + ": " + reason);
+        }
+        std::vector<Pending> waiting;
+        {
+            std::lock_guard lock(resolveMutex);
+            auto& resolution = resolutions[host];
+            resolution.done = true;
+            resolution.address = address;
+            resolution.error = error;
+            waiting.swap(resolution.waiting);
+        }
+        for (auto& pending : waiting) {
+            if (closed)
+                return;
+            if (!address) {
+                reportNotSent(pending.tag, *error);
+                continue;
+            }
+            Destination destination = *address;
+            setPort(destination, pending.port);
+            sendTo(pending.data.data(), pending.data.size(), destination, pending.tag);
+        }
+    }
+};
+
+UdpSocket::UdpSocket(std::weak_ptr<UdpSocketDelegate> delegate, DispatchQueue delegateQueue)
+    : state_(std::make_shared<State>(std::move(delegate), std::move(delegateQueue))) {}
+
+std::shared_ptr<UdpSocket> UdpSocket::create(std::weak_ptr<UdpSocketDelegate> delegate,
+                                             DispatchQueue delegateQueue) {
+    std::shared_ptr<UdpSocket> socket(new UdpSocket(std::move(delegate), std::move(delegateQueue)));
+    socket->state_->owner = socket;
+    return socket;
+}
+
+UdpSocket::~UdpSocket() {
+    state_->shutdown(std::nullopt, false);
+}
+
+bool UdpSocket::bindToPort(uint16_t port, Error* error) {
+    bool bound = false;
+    state_->runOnStrand([&] { bound = state_->openAndBind(port, std::nullopt, error); });
+    return bound;
+}
+
+bool UdpSocket::bindToPort(uint16_t port, const std::string& interfaceName, Error* error) {
+    bool bound = false;
+    state_->runOnStrand([&] { bound = state_->openAndBind(port, interfaceName, error); });
+    return bound;
+}
+
+bool UdpSocket::beginReceiving(Error* error) {
+    bool started = false;
+    state_->runOnStrand([&] {
+        if (state_->closed) {
+            if (error)
+                *error = socketError(kClosed, "socket is closed");
+            return;
+        }
+        if (state_->fd < 0 && !state_->openAndBind(0, std::nullopt, error))
+            return;
+        state_->startReceiving();
+        started = true;
+    });
+    return started;
+}
+
+bool UdpSocket::sendData(std::string_view data, const std::string& host, uint16_t port, long tag) {
+    if (state_->closed)
+        return false;
+    if (auto destination = parseLiteral(host, port)) {
+        state_->sendTo(reinterpret_cast<const uint8_t*>(data.data()), data.size(), *destination,
+                       tag);
+    } else {
+        state_->sendToName(std::vector<uint8_t>(data.begin(), data.end()), host, port, tag);
+    }
+    return true;
+}
+
+bool UdpSocket::sendData(const std::vector<uint8_t>& data, const std::string& host, uint16_t port,
+                         long tag) {
+    return sendData(std::string_view(reinterpret_cast<const char*>(data.data()), data.size()), host,
+                    port, tag);
+}
+
+void UdpSocket::close() {
+    state_->shutdown(std::nullopt, true);
+}
+
+void UdpSocket::closeWithError(const Error& error) {
+    state_->shutdown(error, true);
+}
+
+bool UdpSocket::isClosed() const {
+    return state_->closed;
+}
+
+uint16_t UdpSocket::localPort() const {
+    std::shared_lock lock(state_->fdMutex);
+    return state_->port;
+}
+
+int UdpSocket::socketFD() const {
+    std::shared_lock lock(state_->fdMutex);
+    return state_->fd;
+}
+
+void UdpSocket::perform(const std::function<void(int fd)>& block) {
+    state_->runOnStrand([&] { block(state_->fd); });
+}
+
+int UdpSocket::setReceiveBufferSize(int bytes) {
+    int granted = -1;
+    state_->runOnStrand([&] {
+        if (state_->fd >= 0)
+            granted = State::enlargeReceiveBuffer(state_->fd, bytes);
+    });
+    return granted;
+}
+
+int UdpSocket::setSendBufferSize(int bytes) {
+    int granted = -1;
+    state_->runOnStrand([&] {
+        int fd = state_->fd;
+        if (fd < 0)
+            return;
+        if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0) {
+            setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+        }
+        socklen_t length = sizeof granted;
+        getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &granted, &length);
+    });
+    return granted;
+}
+
+void UdpSocket::failNextSendsForTesting(int count, int errnoValue) {
+    state_->injectedErrno = errnoValue;
+    state_->injectedFailures = count;
+}
+
+const DispatchQueue& UdpSocket::delegateQueue() const {
+    return state_->delegateQueue;
+}
+
+}  // namespace lmkit

@@ -1,0 +1,268 @@
+// test-labels: concurrency
+#include "lmkit/platform/UdpSocket.hpp"
+
+#include <netinet/in.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/TestSupport.hpp"
+
+using namespace lmkit;
+using lmkit::testing::waitFor;
+
+namespace {
+
+struct Received {
+    std::string text;
+    SocketAddress from;
+};
+
+/// Records every event, checking that each arrives on the delegate queue and none after close.
+class Recorder : public UdpSocketDelegate {
+  public:
+    explicit Recorder(DispatchQueue queue, bool echo = false) : queue_(queue), echo_(echo) {}
+
+    void udpSocketDidReceiveData(UdpSocket& socket, const std::vector<uint8_t>& data,
+                                 const SocketAddress& from) override {
+        check();
+        if (echo_)
+            socket.sendData(data, from.host, from.port, 0);
+        std::lock_guard lock(mutex_);
+        received_.push_back({std::string(data.begin(), data.end()), from});
+    }
+    void udpSocketDidNotSendData(UdpSocket&, long tag, const Error& error) override {
+        check();
+        std::lock_guard lock(mutex_);
+        notSent_.emplace_back(tag, error);
+    }
+    void udpSocketDidClose(UdpSocket&, const std::optional<Error>& error) override {
+        check();
+        std::lock_guard lock(mutex_);
+        ++closes_;
+        closeError_ = error;
+    }
+
+    std::vector<Received> received() const {
+        std::lock_guard lock(mutex_);
+        return received_;
+    }
+    std::vector<std::pair<long, Error>> notSent() const {
+        std::lock_guard lock(mutex_);
+        return notSent_;
+    }
+    int closes() const {
+        std::lock_guard lock(mutex_);
+        return closes_;
+    }
+    std::optional<Error> closeError() const {
+        std::lock_guard lock(mutex_);
+        return closeError_;
+    }
+    int misplaced() const { return misplaced_; }
+
+  private:
+    void check() {
+        if (!queue_.isCurrent())
+            ++misplaced_;
+        std::lock_guard lock(mutex_);
+        if (closes_ > 0)
+            ++misplaced_;
+    }
+
+    DispatchQueue queue_;
+    bool echo_;
+    mutable std::mutex mutex_;
+    std::vector<Received> received_;
+    std::vector<std::pair<long, Error>> notSent_;
+    int closes_ = 0;
+    std::optional<Error> closeError_;
+    std::atomic<int> misplaced_{0};
+};
+
+struct Endpoint {
+    std::shared_ptr<Recorder> recorder;
+    std::shared_ptr<UdpSocket> socket;
+};
+
+Endpoint makeEndpoint(const std::string& label, bool echo = false) {
+    auto queue = DispatchQueue::serial(label);
+    Endpoint endpoint;
+    endpoint.recorder = std::make_shared<Recorder>(queue, echo);
+    endpoint.socket = UdpSocket::create(endpoint.recorder, queue);
+    Error error;
+    EXPECT_TRUE(endpoint.socket->beginReceiving(&error)) << error.localizedDescription();
+    return endpoint;
+}
+
+}  // namespace
+
+TEST(UdpSocket, EchoRoundTripOverIPv4AndIPv6ReportsTheSourceFamily) {
+    auto echo = makeEndpoint("test.udp.echo", true);
+    auto client = makeEndpoint("test.udp.client");
+    ASSERT_NE(echo.socket->localPort(), 0);
+    EXPECT_GE(client.socket->socketFD(), 0);
+
+    EXPECT_TRUE(client.socket->sendData(std::string_view("1234"), "127.0.0.1",
+                                        echo.socket->localPort(), 1));
+    EXPECT_TRUE(
+        client.socket->sendData(std::string_view("5678"), "::1", echo.socket->localPort(), 2));
+    ASSERT_TRUE(waitFor([&] { return client.recorder->received().size() == 2; }));
+
+    auto replies = client.recorder->received();
+    std::sort(replies.begin(), replies.end(),
+              [](const Received& a, const Received& b) { return a.text < b.text; });
+    EXPECT_EQ(replies[0].text, "1234");
+    EXPECT_EQ(replies[0].from.host, "127.0.0.1");
+    EXPECT_EQ(replies[0].from.family, AF_INET);
+    EXPECT_EQ(replies[0].from.port, echo.socket->localPort());
+    EXPECT_EQ(replies[1].text, "5678");
+    EXPECT_EQ(replies[1].from.host, "::1");
+    EXPECT_EQ(replies[1].from.family, AF_INET6);
+    EXPECT_TRUE(client.recorder->notSent().empty());
+    EXPECT_EQ(client.recorder->misplaced(), 0);
+    EXPECT_EQ(echo.recorder->misplaced(), 0);
+}
+
+TEST(UdpSocket, BurstArrivesCompleteAndInOrderAsSeparateEvents) {
+    constexpr int kCount = 5000;
+    auto receiver = makeEndpoint("test.udp.burst.receiver");
+    auto sender = makeEndpoint("test.udp.burst.sender");
+    for (int i = 0; i < kCount; ++i) {
+        sender.socket->sendData(std::to_string(i), "127.0.0.1", receiver.socket->localPort(), i);
+    }
+    ASSERT_TRUE(waitFor([&] { return receiver.recorder->received().size() == kCount; }, 20.0))
+        << "received " << receiver.recorder->received().size();
+    auto received = receiver.recorder->received();
+    for (int i = 0; i < kCount; ++i)
+        ASSERT_EQ(received[i].text, std::to_string(i));
+    EXPECT_TRUE(sender.recorder->notSent().empty());
+}
+
+TEST(UdpSocket, NamesResolveOffTheCallerAndFailuresCarryTheTag) {
+    auto echo = makeEndpoint("test.udp.names.echo", true);
+    auto client = makeEndpoint("test.udp.names.client");
+    client.socket->sendData(std::string_view("a"), "no-such-host.invalid", 9, 41);
+    client.socket->sendData(std::string_view("b"), "no-such-host.invalid", 9, 42);
+    client.socket->sendData(std::string_view("c"), "localhost", echo.socket->localPort(), 43);
+    ASSERT_TRUE(waitFor([&] { return client.recorder->notSent().size() == 2; }));
+    auto failures = client.recorder->notSent();
+    EXPECT_EQ(failures[0].first, 41);
+    EXPECT_EQ(failures[1].first, 42);
+    EXPECT_EQ(failures[0].second.domain, UdpSocket::kResolveErrorDomain);
+    EXPECT_NE(failures[0].second.localizedDescription().find("no-such-host.invalid"),
+              std::string::npos);
+    ASSERT_TRUE(waitFor([&] { return client.recorder->received().size() == 1; }));
+    EXPECT_EQ(client.recorder->received()[0].text, "c");
+}
+
+TEST(UdpSocket, InjectedSendFailuresKeepThePlatformErrno) {
+    auto receiver = makeEndpoint("test.udp.inject.receiver");
+    auto sender = makeEndpoint("test.udp.inject.sender");
+    sender.socket->failNextSendsForTesting(2, ENOBUFS);
+    for (int i = 0; i < 3; ++i) {
+        sender.socket->sendData(std::to_string(i), "127.0.0.1", receiver.socket->localPort(), i);
+    }
+    ASSERT_TRUE(waitFor([&] { return receiver.recorder->received().size() == 1; }));
+    EXPECT_EQ(receiver.recorder->received()[0].text, "2");
+    ASSERT_TRUE(waitFor([&] { return sender.recorder->notSent().size() == 2; }));
+    for (const auto& [tag, error] : sender.recorder->notSent()) {
+        EXPECT_EQ(error.code, ENOBUFS);
+        EXPECT_EQ(error.domain, UdpSocket::kPosixErrorDomain);
+    }
+    EXPECT_EQ(sender.recorder->notSent()[1].first, 1);
+}
+
+TEST(UdpSocket, CloseFromManyThreadsReportsOnceAndIsTheLastEvent) {
+    auto receiver = makeEndpoint("test.udp.close.receiver");
+    auto sender = makeEndpoint("test.udp.close.sender");
+    std::atomic<bool> stop{false};
+    std::thread flood([&] {
+        for (int i = 0; !stop; ++i) {
+            sender.socket->sendData(std::to_string(i), "127.0.0.1", receiver.socket->localPort(),
+                                    i);
+        }
+    });
+    ASSERT_TRUE(waitFor([&] { return receiver.recorder->received().size() > 100; }));
+    std::vector<std::thread> closers;
+    for (int i = 0; i < 4; ++i) {
+        closers.emplace_back([&, i] {
+            receiver.socket->closeWithError(Error::withDescription("test", i, "closing"));
+        });
+    }
+    for (auto& closer : closers)
+        closer.join();
+    stop = true;
+    flood.join();
+
+    ASSERT_TRUE(waitFor([&] { return receiver.recorder->closes() == 1; }));
+    EXPECT_TRUE(receiver.socket->isClosed());
+    EXPECT_EQ(receiver.socket->localPort(), 0);
+    EXPECT_EQ(receiver.socket->socketFD(), -1);
+    EXPECT_FALSE(receiver.socket->sendData(std::string_view("x"), "127.0.0.1", 9, 0));
+    ASSERT_TRUE(receiver.recorder->closeError().has_value());
+    EXPECT_EQ(receiver.recorder->closeError()->domain, "test");
+
+    auto countAfterClose = receiver.recorder->received().size();
+    receiver.socket->close();
+    receiver.socket->delegateQueue().sync([] {});
+    EXPECT_EQ(receiver.recorder->received().size(), countAfterClose);
+    EXPECT_EQ(receiver.recorder->closes(), 1);
+    EXPECT_EQ(receiver.recorder->misplaced(), 0);
+
+    sender.socket->close();
+    ASSERT_TRUE(waitFor([&] { return sender.recorder->closes() == 1; }));
+    EXPECT_FALSE(sender.recorder->closeError().has_value());
+}
+
+TEST(UdpSocket, ReleasedDelegateGetsNothingAndTheSocketKeepsWorking) {
+    auto receiver = makeEndpoint("test.udp.release.receiver");
+    auto sender = makeEndpoint("test.udp.release.sender");
+    std::weak_ptr<Recorder> weak = receiver.recorder;
+    for (int i = 0; i < 200; ++i) {
+        sender.socket->sendData(std::to_string(i), "127.0.0.1", receiver.socket->localPort(), i);
+        if (i == 100)
+            receiver.recorder.reset();
+    }
+    EXPECT_TRUE(weak.expired());
+    for (int i = 0; i < 200; ++i) {
+        sender.socket->sendData(std::to_string(i), "127.0.0.1", receiver.socket->localPort(), i);
+    }
+    receiver.socket->close();
+    receiver.socket.reset();
+    sender.socket.reset();  // destroyed without close: no event, no crash
+    EXPECT_EQ(sender.recorder->closes(), 0);
+}
+
+TEST(UdpSocket, BindsToANamedInterfaceOrExplainsWhyNot) {
+    auto queue = DispatchQueue::serial("test.udp.bind");
+    auto recorder = std::make_shared<Recorder>(queue);
+    auto socket = UdpSocket::create(recorder, queue);
+    Error error;
+    EXPECT_FALSE(socket->bindToPort(0, "nosuch0", &error));
+    EXPECT_EQ(error.domain, UdpSocket::kSocketErrorDomain);
+    EXPECT_EQ(error.code, UdpSocket::kNoInterfaceAddress);
+    EXPECT_NE(error.localizedDescription().find("nosuch0"), std::string::npos);
+
+    ASSERT_TRUE(socket->bindToPort(0, "lo", &error)) << error.localizedDescription();
+    EXPECT_FALSE(socket->bindToPort(0, &error));  // a second bind is refused
+    ASSERT_TRUE(socket->beginReceiving(&error));
+    auto echo = makeEndpoint("test.udp.bind.echo", true);
+    socket->sendData(std::string_view("via lo"), "127.0.0.1", echo.socket->localPort(), 7);
+    ASSERT_TRUE(waitFor([&] { return recorder->received().size() == 1; }));
+    EXPECT_EQ(recorder->received()[0].text, "via lo");
+
+    int seenFd = -2;
+    bool onQueue = false;
+    socket->perform([&](int fd) {
+        seenFd = fd;
+        onQueue = true;
+    });
+    EXPECT_TRUE(onQueue);
+    EXPECT_EQ(seenFd, socket->socketFD());
+    EXPECT_GE(socket->setReceiveBufferSize(4 * 1024 * 1024), 1024 * 1024);
+    EXPECT_GE(socket->setSendBufferSize(131072), 131072);
+}
