@@ -1,0 +1,10 @@
+#include "lmkit/foundation/DefaultsWriteQueue.hpp"
+
+namespace lmkit {
+
+DispatchQueue defaultsWriteQueue() {
+    static const DispatchQueue queue = DispatchQueue::serial("com.lmkit.userDefault.queue");
+    return queue;
+}
+
+}  // namespace lmkit
