@@ -2,11 +2,13 @@
 
 #include <pthread.h>
 
+#include <cerrno>
+
 #include <algorithm>
 #include <mutex>
 
-#include "lmkit/platform/DispatchQueue.hpp"
 #include "foundation/LogBackend.hpp"
+#include "lmkit/platform/DispatchQueue.hpp"
 
 namespace lmkit::log {
 
@@ -17,7 +19,13 @@ std::vector<std::shared_ptr<Observer>> gObservers;  // guarded by gObserversMute
 
 std::string currentThreadName() {
     char name[32] = {};
-    if (pthread_getname_np(pthread_self(), name, sizeof name) != 0) return {};
+    if (pthread_getname_np(pthread_self(), name, sizeof name) != 0)
+        return {};
+    // Linux gives a thread nobody named the process's name (cut to 15 bytes). That is no name of
+    // the thread's own, and the line should show the queue label instead.
+    static const std::string inherited = std::string(program_invocation_short_name).substr(0, 15);
+    if (inherited == name)
+        return {};
     return name;
 }
 
@@ -41,7 +49,8 @@ void write(unsigned flag, std::string_view text, Stream stream, const Location& 
             std::lock_guard lock(gObserversMutex);
             observers = gObservers;
         }
-        for (auto& observer : observers) observer->log(message);
+        for (auto& observer : observers)
+            observer->log(message);
         detail::deliverToStreams(message);
     } catch (...) {
         // Logging never throws into the caller.
@@ -67,8 +76,12 @@ struct Capture::Recorder : Observer {
     }
 };
 
-Capture::Capture() : recorder_(std::make_shared<Recorder>()) { addObserver(recorder_); }
-Capture::~Capture() { removeObserver(recorder_); }
+Capture::Capture() : recorder_(std::make_shared<Recorder>()) {
+    addObserver(recorder_);
+}
+Capture::~Capture() {
+    removeObserver(recorder_);
+}
 
 std::vector<LogMessage> Capture::messages() const {
     std::lock_guard lock(recorder_->mutex);
@@ -77,18 +90,20 @@ std::vector<LogMessage> Capture::messages() const {
 
 std::vector<std::string> Capture::texts() const {
     std::vector<std::string> out;
-    for (auto& message : messages()) out.push_back(message.message);
+    for (auto& message : messages())
+        out.push_back(message.message);
     return out;
 }
 
-bool Capture::contains(std::string_view fragment) const { return count(fragment) > 0; }
+bool Capture::contains(std::string_view fragment) const {
+    return count(fragment) > 0;
+}
 
 std::size_t Capture::count(std::string_view fragment) const {
     std::lock_guard lock(recorder_->mutex);
-    return std::count_if(recorder_->messages.begin(), recorder_->messages.end(),
-                         [&](const LogMessage& m) {
-                             return m.message.find(fragment) != std::string::npos;
-                         });
+    return std::count_if(
+        recorder_->messages.begin(), recorder_->messages.end(),
+        [&](const LogMessage& m) { return m.message.find(fragment) != std::string::npos; });
 }
 
 void Capture::clear() {

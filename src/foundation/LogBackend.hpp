@@ -8,4 +8,7 @@ namespace lmkit::log::detail {
 /// standard error.
 void deliverToStreams(const LogMessage& message);
 
+/// Closes the streams' open files (the next message reopens them).
+void closeStreams();
+
 }  // namespace lmkit::log::detail

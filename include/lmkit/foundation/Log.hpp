@@ -27,6 +27,7 @@ struct LogMessage {
     std::string function;
     unsigned line = 0;
     Stream stream = Stream::App;
+    int context = 0;  // lets a formatter's allowlist select messages; the kit's own use 0
 };
 
 using Location = std::source_location;
@@ -56,9 +57,19 @@ inline void verbose(std::string_view text, Stream stream = Stream::App,
     write(kVerbose, text, stream, location);
 }
 
+/// Whether messages are written to their stream's files (on by default). The files live where
+/// LogFileManager::app(), api() and tunnel() say; a stream opens its file on its first message
+/// and starts a new one each day.
+void setFileLoggingEnabled(bool enabled);
+bool isFileLoggingEnabled();
+
+/// The flags whose messages are also written to standard error (none by default).
+void setStderrLevel(unsigned mask);
+unsigned stderrLevel();
+
 /// Receives every message logged while it is installed.
 class Observer {
-public:
+  public:
     virtual ~Observer() = default;
     virtual void log(const LogMessage& message) = 0;
 };
@@ -68,7 +79,7 @@ void removeObserver(const std::shared_ptr<Observer>& observer);
 /// Records the messages logged during its lifetime (for tests and tools that show what the kit
 /// said).
 class Capture {
-public:
+  public:
     Capture();
     ~Capture();
     Capture(const Capture&) = delete;
@@ -83,7 +94,7 @@ public:
     std::size_t count(std::string_view fragment) const;
     void clear();
 
-private:
+  private:
     struct Recorder;
     std::shared_ptr<Recorder> recorder_;
 };
