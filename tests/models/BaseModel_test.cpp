@@ -1,0 +1,246 @@
+#include "lmkit/models/BaseModel.hpp"
+
+#include <gtest/gtest.h>
+
+#include "lmkit/foundation/Log.hpp"
+#include "lmkit/models/CollectionHelpers.hpp"
+#include "lmkit/models/Transformers.hpp"
+
+namespace lmkit {
+namespace {
+
+struct Leaf : Model<Leaf> {
+    std::optional<std::string> name;
+    static const std::vector<Property<Leaf>>& properties() {
+        static const std::vector<Property<Leaf>> table{prop("name", &Leaf::name)};
+        return table;
+    }
+};
+
+struct Sample : Model<Sample> {
+    std::optional<std::string> title;
+    std::optional<Number> count;
+    long mtu = 0;
+    bool enabled = false;
+    double ratio = 0;
+    std::optional<std::string> method;
+    std::optional<std::vector<std::string>> tags;
+    std::shared_ptr<Leaf> leaf;
+    std::optional<std::vector<std::shared_ptr<Leaf>>> leaves;
+    long kind = 0;
+    std::optional<Number> region;
+    std::optional<Json> extra;
+
+    static const std::vector<Property<Sample>>& properties() {
+        static const std::vector<Property<Sample>> table{
+            prop("title", &Sample::title),
+            prop("count", &Sample::count),
+            prop("mtu", "config.mtu", &Sample::mtu),
+            prop("enabled", "config.enabled", &Sample::enabled),
+            prop("ratio", &Sample::ratio),
+            prop("method", "tcp_method", &Sample::method).withDefault("XOR"),
+            prop("tags", &Sample::tags),
+            prop("leaf", &Sample::leaf),
+            prop("leaves", &Sample::leaves),
+            prop("kind", &Sample::kind, valueMappingTransformer<long>({{"tcp", 1}, {"udp", 2}})),
+            prop("region", &Sample::region,
+                 valueMappingTransformer<std::optional<Number>>({{"cn", 1}}, Number(0), "other")),
+            prop("extra", &Sample::extra),
+        };
+        return table;
+    }
+};
+
+struct Bare : Model<Bare> {
+    std::optional<std::string> title;
+};
+
+TEST(BaseModel, DecodesKeyPathsKindsAndRoundTrips) {
+    auto json = Json::parse(R"({"title":"t","count":443,"config":{"mtu":1400,"enabled":true},
+        "ratio":0.5,"tcp_method":"AES","tags":[],"leaf":{"name":"a"},
+        "leaves":[{"name":"b"},{"name":"c"}],"kind":"udp","region":"cn","extra":{"k":[1,2]},
+        "ignored":1})");
+    Error error;
+    auto s = JSONAdapter::modelOfClass<Sample>(json, &error);
+    ASSERT_TRUE(s) << error.localizedDescription();
+    EXPECT_EQ(s->title, "t");
+    EXPECT_TRUE(s->count->isInteger());
+    EXPECT_EQ(s->mtu, 1400);
+    EXPECT_TRUE(s->enabled);
+    EXPECT_EQ(s->method, "AES");
+    ASSERT_TRUE(s->tags);
+    EXPECT_TRUE(s->tags->empty());
+    EXPECT_EQ(*s->leaf->name, "a");
+    ASSERT_EQ(s->leaves->size(), 2u);
+    EXPECT_EQ(*(*s->leaves)[1]->name, "c");
+    EXPECT_EQ(s->kind, 2);
+    EXPECT_EQ(s->region->intValue(), 1);
+
+    auto out = s->toJSONDictionary();
+    ASSERT_TRUE(out);
+    EXPECT_EQ(out->dump(),
+              R"({"title":"t","count":443,"config":{"mtu":1400,"enabled":true},"ratio":0.5,)"
+              R"("tcp_method":"AES","tags":[],"leaf":{"name":"a"},"leaves":[{"name":"b"},)"
+              R"({"name":"c"}],"kind":"udp","region":"cn","extra":{"k":[1,2]}})");
+    auto again = JSONAdapter::modelOfClass<Sample>(*out);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->toJSONDictionary()->dump(), out->dump());
+}
+
+TEST(BaseModel, MissingNullAndWrongKindsGiveNilAndDefaultsFillOnlyAbsentKeys) {
+    auto s = JSONAdapter::modelOfClass<Sample>(Json::parse(
+        R"({"title":5,"count":"7","config":"flat","ratio":"x","tags":["a",1],"kind":"sctp",
+            "region":"us"})"));
+    ASSERT_TRUE(s);
+    EXPECT_FALSE(s->title);
+    EXPECT_FALSE(s->count);
+    EXPECT_EQ(s->mtu, 0);
+    EXPECT_EQ(s->ratio, 0);
+    EXPECT_FALSE(s->tags);
+    EXPECT_EQ(s->method, "XOR");  // absent: the default
+    EXPECT_FALSE(s->leaf);
+    EXPECT_FALSE(s->leaves);
+    EXPECT_EQ(s->kind, 0);                // unknown string without a default
+    EXPECT_EQ(s->region->intValue(), 0);  // unknown string with the default code
+
+    s->region = Number(42);
+    auto out = s->toJSONDictionary();
+    EXPECT_EQ((*out)["region"], "other");
+    EXPECT_TRUE((*out)["title"].is_null());
+    EXPECT_TRUE((*out)["kind"].is_null());
+
+    auto nulls = JSONAdapter::modelOfClass<Sample>(
+        Json::parse(R"({"tcp_method":null,"leaf":null,"leaves":null,"tags":null})"));
+    ASSERT_TRUE(nulls);
+    EXPECT_FALSE(nulls->method);  // an explicit null wins over the default
+    EXPECT_FALSE(nulls->tags);
+}
+
+TEST(BaseModel, NonObjectRecordValuesFailTheWholeDecode) {
+    for (const char* text : {R"({"leaf":"a"})", R"({"leaves":[{"name":"b"},3]})",
+                             R"({"leaves":{"name":"b"}})", R"({"leaves":[null]})"}) {
+        Error error;
+        EXPECT_FALSE(JSONAdapter::modelOfClass<Sample>(Json::parse(text), &error)) << text;
+        EXPECT_EQ(error.domain, kJSONAdapterErrorDomain);
+        EXPECT_EQ(error.localizedDescription().rfind("lea", 0), 0u) << error.localizedDescription();
+    }
+    Error error;
+    EXPECT_FALSE(JSONAdapter::modelOfClass<Sample>(Json::parse("[1]"), &error));
+    EXPECT_FALSE(JSONAdapter::modelsOfClass<Leaf>(Json::parse(R"([{"name":"x"},"y"])")));
+    auto leaves = JSONAdapter::modelsOfClass<Leaf>(Json::parse(R"([{"name":"x"},{}])"));
+    ASSERT_TRUE(leaves);
+    EXPECT_EQ(leaves->size(), 2u);
+}
+
+TEST(BaseModel, RecordWithoutTableDecodesToEmptyRecord) {
+    auto bare = JSONAdapter::modelOfClass<Bare>(Json::parse(R"({"title":"x"})"));
+    ASSERT_TRUE(bare);
+    EXPECT_FALSE(bare->title);
+    EXPECT_EQ(bare->toJSONDictionary()->dump(), "{}");
+}
+
+struct Throwing : Model<Throwing> {
+    long value = 0;
+    static const std::vector<Property<Throwing>>& properties() {
+        Transformer<long> failing;
+        failing.forward = [](const Json&, long&, Error&) { return true; };
+        failing.reverse = [](const long&) -> Json { throw std::runtime_error("no form"); };
+        static const std::vector<Property<Throwing>> table{
+            prop("value", &Throwing::value, failing)};
+        return table;
+    }
+};
+
+TEST(BaseModel, EncodingFailureLogsAndGivesNil) {
+    log::Capture capture;
+    Throwing t;
+    EXPECT_FALSE(t.toJSONDictionary());
+    EXPECT_TRUE(capture.contains("[MTLJSONSerializing] model to json map error: no form"));
+}
+
+struct Stamped : Model<Stamped> {
+    std::optional<Number> time;
+    double seconds = 0;
+    std::optional<Number> ip;
+    std::optional<Url> link;
+    std::optional<RegularExpression> pattern;
+    std::optional<std::vector<RegularExpression>> patterns;
+    static const std::vector<Property<Stamped>>& properties() {
+        static const std::vector<Property<Stamped>> table{
+            prop("time", &Stamped::time, timeStampTransformer()),
+            prop("seconds", &Stamped::seconds, timeStampTransformer<double>()),
+            prop("ip", &Stamped::ip, ipAddressTransformer()),
+            prop("link", &Stamped::link, filepickerURLTransformer()),
+            prop("pattern", &Stamped::pattern, regularExpressionTransformer()),
+            prop("patterns", &Stamped::patterns, regularExpressionsTransformer()),
+        };
+        return table;
+    }
+};
+
+TEST(Transformers, TimeStampsKeepTheSinglePrecisionStep) {
+    auto s =
+        JSONAdapter::modelOfClass<Stamped>(Json::parse(R"({"time":1500,"seconds":1700000000123})"));
+    EXPECT_DOUBLE_EQ(s->time->doubleValue(), 1.5);
+    double expected = static_cast<double>(1700000000123.0f) / 1000.0;
+    EXPECT_EQ(s->seconds, expected);
+    EXPECT_NE(s->seconds, 1700000000.123);
+    EXPECT_EQ((*s->toJSONDictionary())["time"].get<double>(), 1500.0);
+}
+
+TEST(Transformers, IpAddressesUseInMemoryByteOrder) {
+    auto s = JSONAdapter::modelOfClass<Stamped>(Json::parse(R"({"ip":"1.2.3.4"})"));
+    EXPECT_EQ(s->ip->unsignedValue(), 67305985u);
+    s = JSONAdapter::modelOfClass<Stamped>(Json::parse(R"({"ip":"10.0.0.1"})"));
+    EXPECT_EQ(s->ip->unsignedValue(), 16777226u);
+    EXPECT_EQ((*s->toJSONDictionary())["ip"], "10.0.0.1");
+    s = JSONAdapter::modelOfClass<Stamped>(Json::parse(R"({"ip":"10.0.0"})"));
+    EXPECT_EQ(s->ip->unsignedValue(), 0u);
+    s = JSONAdapter::modelOfClass<Stamped>(Json::parse(R"({"ip":null})"));
+    EXPECT_FALSE(s->ip);
+}
+
+TEST(Transformers, UrlsAndRegularExpressions) {
+    auto s = JSONAdapter::modelOfClass<Stamped>(Json::parse(
+        R"({"link":"https://a.b/c?d=%20e","pattern":"(","patterns":["a+","(","B","(a)\\1"]})"));
+    EXPECT_EQ(s->link->absoluteString(), "https://a.b/c?d=%20e");
+    EXPECT_EQ(s->link->scheme(), "https");
+    EXPECT_FALSE(s->pattern);
+    ASSERT_EQ(s->patterns->size(), 2u);
+    EXPECT_TRUE((*s->patterns)[1].matchInString(std::optional<std::string>("abc")));
+    EXPECT_FALSE((*s->patterns)[0].matchInString(std::optional<std::string>()));
+    EXPECT_EQ((*s->toJSONDictionary())["patterns"], Json::parse(R"(["a+","B"])"));
+
+    s = JSONAdapter::modelOfClass<Stamped>(
+        Json::parse(R"({"link":"not a url","pattern":"x+y","patterns":null})"));
+    EXPECT_FALSE(s->link);
+    EXPECT_TRUE(s->pattern->matchInString(std::optional<std::string>("--XXY--")));
+    ASSERT_TRUE(s->patterns);
+    EXPECT_TRUE(s->patterns->empty());
+    // A pattern that would take exponential time with backtracking stays linear.
+    auto evil = RegularExpression::compile("(a+)+$");
+    EXPECT_FALSE(evil->matchInString(std::string(100000, 'a') + "!"));
+}
+
+TEST(CollectionHelpers, AverageAndDeviation) {
+    using namespace collections;
+    EXPECT_EQ(averageOfNumbers(Json::parse(R"([1,"x",3])")).doubleValue(), 2.0);
+    EXPECT_EQ(averageOfNumbers(Json::parse(R"(["x"])")).kind(), Number::Kind::Integer);
+    EXPECT_EQ(deviationOfNumbers(std::vector<Number>{10, 0, 20}).intValue(), 9999);
+    EXPECT_EQ(deviationOfNumbers(std::vector<Number>{10, 0.0, 20}).intValue(), 9999);
+    EXPECT_EQ(deviationOfNumbers(std::vector<Number>{}).kind(), Number::Kind::Integer);
+    EXPECT_EQ(deviationOfNumbers(std::vector<Number>{1, 2}).doubleValue(), 0.5);
+    // sqrt(2/9) = 0.4714... cut to 0.47; 2/3 = 0.666... cut (not rounded) to 0.66.
+    EXPECT_EQ(deviationOfNumbers(std::vector<Number>{1, 1, 2}).doubleValue(), 0.47);
+    EXPECT_EQ(deviationOfNumbers(std::vector<Number>{1, 3, 1, 3, 1, 3}).doubleValue(), 1.0);
+    EXPECT_EQ(deviationOfNumbers(std::vector<Number>{1.0, 1.58}).doubleValue(), 0.29);
+    EXPECT_FALSE(randomElement(std::vector<int>{}));
+    std::vector<int> values{4, 5, 6};
+    for (int i = 0; i < 20; ++i) {
+        auto e = randomElement(values);
+        EXPECT_TRUE(e && *e >= 4 && *e <= 6);
+    }
+}
+
+}  // namespace
+}  // namespace lmkit
