@@ -1,0 +1,191 @@
+// test-labels: concurrency
+#include "lmkit/platform/EchoServer.hpp"
+
+#include <netinet/in.h>
+
+#include <chrono>
+#include <mutex>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "lmkit/platform/Clock.hpp"
+#include "support/TestSupport.hpp"
+
+using namespace lmkit;
+using lmkit::testing::waitFor;
+
+namespace {
+
+struct Reply {
+    std::string text;
+    SocketAddress from;
+};
+
+class Collector : public UdpSocketDelegate {
+  public:
+    void udpSocketDidReceiveData(UdpSocket&, const std::vector<uint8_t>& data,
+                                 const SocketAddress& from) override {
+        std::lock_guard lock(mutex_);
+        replies_.push_back({std::string(data.begin(), data.end()), from});
+    }
+    std::vector<Reply> replies() const {
+        std::lock_guard lock(mutex_);
+        return replies_;
+    }
+    size_t count() const { return replies().size(); }
+
+  private:
+    mutable std::mutex mutex_;
+    std::vector<Reply> replies_;
+};
+
+/// A real kit socket, receiving, with its collector.
+struct Prober {
+    Prober() {
+        socket = UdpSocket::create(collector, DispatchQueue::serial("test.echo.prober"));
+        EXPECT_TRUE(socket->beginReceiving());
+    }
+    void send(const std::string& text, const SocketAddress& to) {
+        socket->sendData(text, to.host, to.port, 0);
+    }
+    std::shared_ptr<Collector> collector = std::make_shared<Collector>();
+    std::shared_ptr<UdpSocket> socket;
+};
+
+std::unique_ptr<EchoServer> startOne(const std::string& spec, uint64_t seed = 1) {
+    Error error;
+    auto endpoints = EchoServer::parseEndpoints(spec, &error);
+    EXPECT_TRUE(endpoints) << error.localizedDescription();
+    if (!endpoints)
+        return nullptr;
+    auto server = EchoServer::start(*endpoints, seed, &error);
+    EXPECT_TRUE(server) << error.localizedDescription();
+    return server;
+}
+
+}  // namespace
+
+TEST(EchoServer, AnswersFromEachProbedAddressOnOnePort) {
+    auto first = startOne("127.0.0.2:0");
+    ASSERT_TRUE(first);
+    uint16_t port = first->endpoints()[0].port;
+    std::vector<EchoEndpointConfig> more{
+        {"127.0.0.3", port, {}}, {"127.0.0.4", port, {}}, {"::1", 0, {}}};
+    Error error;
+    auto second = EchoServer::start(more, 1, &error);
+    ASSERT_TRUE(second) << error.localizedDescription();
+
+    Prober prober;
+    std::vector<SocketAddress> targets = first->endpoints();
+    for (const auto& endpoint : second->endpoints())
+        targets.push_back(endpoint);
+    for (const auto& target : targets)
+        prober.send("probe " + target.host, target);
+    ASSERT_TRUE(waitFor([&] { return prober.collector->count() == targets.size(); }));
+    for (const auto& reply : prober.collector->replies()) {
+        EXPECT_EQ(reply.text, "probe " + reply.from.host);
+        bool matched = false;
+        for (const auto& target : targets) {
+            matched |= target.host == reply.from.host && target.port == reply.from.port;
+        }
+        EXPECT_TRUE(matched) << reply.from.host << ":" << reply.from.port;
+    }
+    EXPECT_EQ(first->requestsReceived() + second->requestsReceived(), targets.size());
+}
+
+TEST(EchoServer, LossIsSeededAndRepeatable) {
+    auto run = [](uint64_t seed) {
+        auto server = startOne("127.0.0.1:0/loss=0.5", seed);
+        Prober prober;
+        // Sent one at a time so the server sees the same order in every run.
+        for (int i = 0; i < 200; ++i) {
+            prober.send(std::to_string(i), server->endpoints()[0]);
+            waitFor([&] { return server->requestsReceived() == static_cast<uint64_t>(i + 1); });
+        }
+        waitFor([&] { return prober.collector->count() == server->repliesSent(); });
+        std::set<std::string> echoed;
+        for (const auto& reply : prober.collector->replies())
+            echoed.insert(reply.text);
+        return echoed;
+    };
+    auto a = run(7);
+    auto b = run(7);
+    EXPECT_EQ(a, b);
+    EXPECT_GT(a.size(), 50u);
+    EXPECT_LT(a.size(), 150u);
+}
+
+TEST(EchoServer, FaultModesShapeTheReplies) {
+    auto server = startOne("127.0.0.1:0/duplicate");
+    auto garbage = startOne("127.0.0.1:0/garbage");
+    auto otherPort = startOne("127.0.0.1:0/other-port");
+    auto junk = startOne("127.0.0.1:0/junk=3");
+
+    Prober prober;
+    prober.send("dup", server->endpoints()[0]);
+    prober.send("12345", garbage->endpoints()[0]);
+    prober.send("moved", otherPort->endpoints()[0]);
+    prober.send("real", junk->endpoints()[0]);
+    ASSERT_TRUE(waitFor([&] { return prober.collector->count() == 2 + 1 + 1 + 4; }));
+    int dups = 0, junkCount = 0, real = 0;
+    for (const auto& reply : prober.collector->replies()) {
+        if (reply.from.port == server->endpoints()[0].port) {
+            dups += reply.text == "dup";
+        }
+        if (reply.from.port == garbage->endpoints()[0].port) {
+            EXPECT_NE(reply.text, "12345");
+        }
+        if (reply.text == "moved") {
+            EXPECT_NE(reply.from.port, otherPort->endpoints()[0].port);
+        }
+        if (reply.from.port == junk->endpoints()[0].port) {
+            reply.text == "real" ? ++real : ++junkCount;
+        }
+    }
+    EXPECT_EQ(dups, 2);
+    EXPECT_EQ(real, 1);
+    EXPECT_EQ(junkCount, 3);
+}
+
+TEST(EchoServer, ReorderSwapsPairsAndDelayHoldsReplies) {
+    auto reorder = startOne("127.0.0.1:0/reorder");
+    Prober prober;
+    prober.send("first", reorder->endpoints()[0]);
+    ASSERT_TRUE(waitFor([&] { return reorder->requestsReceived() == 1; }));
+    prober.send("second", reorder->endpoints()[0]);
+    ASSERT_TRUE(waitFor([&] { return prober.collector->count() == 2; }));
+    EXPECT_EQ(prober.collector->replies()[0].text, "second");
+    EXPECT_EQ(prober.collector->replies()[1].text, "first");
+
+    auto delayed = startOne("127.0.0.1:0/delay=40,jitter=10");
+    Prober timed;
+    auto sentAt = std::chrono::steady_clock::now();
+    timed.send("slow", delayed->endpoints()[0]);
+    ASSERT_TRUE(waitFor([&] { return timed.collector->count() == 1; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - sentAt, std::chrono::milliseconds(40));
+}
+
+TEST(EchoServer, EndpointTextIsCheckedBeforeAnythingOpens) {
+    auto range = EchoServer::parseEndpoints("127.0.0.1:20000-20002/delay=5,loss=0.25,other-port");
+    ASSERT_TRUE(range);
+    ASSERT_EQ(range->size(), 3u);
+    EXPECT_EQ((*range)[2].port, 20002);
+    EXPECT_DOUBLE_EQ((*range)[0].faults.delaySeconds, 0.005);
+    EXPECT_DOUBLE_EQ((*range)[0].faults.loss, 0.25);
+    EXPECT_TRUE((*range)[0].faults.otherPort);
+
+    auto v6 = EchoServer::parseEndpoints("[::1]:9999");
+    ASSERT_TRUE(v6);
+    EXPECT_EQ((*v6)[0].host, "::1");
+
+    for (const char* bad : {"127.0.0.1", "localhost:9", "127.0.0.1:70000", "127.0.0.1:9-5",
+                            "127.0.0.1:9/loss=2", "127.0.0.1:9/bogus", "[::1:9"}) {
+        Error error;
+        EXPECT_FALSE(EchoServer::parseEndpoints(bad, &error)) << bad;
+        EXPECT_NE(error.localizedDescription().find(bad), std::string::npos);
+    }
+    Error error;
+    EXPECT_FALSE(EchoServer::start({}, 1, &error));
+    EXPECT_FALSE(error.localizedDescription().empty());
+}
