@@ -83,7 +83,7 @@ UngzipResult::Status inflateInto(const Data& input, std::optional<std::size_t> l
     }
     const int endStatus = inflateEnd(&stream);
 
-    if (status == Z_STREAM_END && endStatus == Z_OK) {
+    if (status == Z_STREAM_END && endStatus == Z_OK && !(limit && produced > *limit)) {
         output.resize(produced);
         return UngzipResult::Status::Ok;
     }
