@@ -167,6 +167,12 @@ Json arithmeticJson(T v) {
 template <class T>
 struct Codec;
 
+/// Whether member type T reads and writes JSON without a transformer.
+template <class T>
+concept HasCodec = requires(const Json& j, T& v, Error& e) {
+    Codec<T>::decode(j, v, e);
+};
+
 template <class T>
 requires std::is_arithmetic_v<T>
 struct Codec<T> {
@@ -246,6 +252,7 @@ struct Codec<RegularExpression> {
 };
 
 template <class T>
+requires HasCodec<T>
 struct Codec<std::optional<T>> {
     static DecodeStatus decode(const Json& j, std::optional<T>& out, Error& error) {
         T value{};
@@ -289,6 +296,7 @@ struct Codec<std::shared_ptr<R>> {
 /// Arrays: an element of the wrong kind makes the whole value nil, except for arrays of records,
 /// where a non-array value or a non-object element fails the decode.
 template <class E>
+requires HasCodec<E>
 struct Codec<std::vector<E>> {
     static constexpr bool kOfRecords = models_detail::IsRecordPointer<E>::value;
 
@@ -330,6 +338,7 @@ struct Codec<std::vector<E>> {
 
 /// Dictionaries keyed by string.
 template <class E>
+requires HasCodec<E>
 struct Codec<std::map<std::string, E>> {
     static DecodeStatus decode(const Json& j, std::map<std::string, E>& out, Error& error) {
         if (!j.is_object())
@@ -397,7 +406,7 @@ class TypedProperty {
                 return forward(j, r.*member, e);
             };
             p.encode = [member, reverse](const R& r) { return reverse(r.*member); };
-        } else {
+        } else if constexpr (HasCodec<M>) {
             p.decode = [member](R& r, const Json& j, Error& e) {
                 M& field = r.*member;
                 if (j.is_null()) {
@@ -428,11 +437,13 @@ class TypedProperty {
 /// A property whose JSON key is its own name.
 template <class R, class M>
 TypedProperty<R, M> prop(std::string_view name, M R::*member) {
+    static_assert(HasCodec<M>, "this member type needs a transformer");
     return {name, name, member};
 }
 /// A property read from another key or a dotted key path.
 template <class R, class M>
 TypedProperty<R, M> prop(std::string_view name, std::string_view keyPath, M R::*member) {
+    static_assert(HasCodec<M>, "this member type needs a transformer");
     return {name, keyPath, member};
 }
 template <class R, class M>
