@@ -19,8 +19,10 @@ std::vector<Number> numbersIn(const Json& values) {
     return numbers;
 }
 
-// Cuts a non-negative value down to two decimals through its shortest decimal text, the way a
-// floor-rounding number formatter does (so 0.29, stored as 0.28999..., stays 0.29).
+}  // namespace
+
+// Through the shortest decimal text, the way a floor-rounding number formatter works (so 0.29,
+// stored as 0.28999..., stays 0.29).
 double floorToTwoDecimals(double value) {
     if (!std::isfinite(value))
         return value;
@@ -42,8 +44,6 @@ double floorToTwoDecimals(double value) {
         result -= 0.01;
     return result;
 }
-
-}  // namespace
 
 Number averageOfNumbers(const std::vector<Number>& values) {
     if (values.empty())

@@ -20,6 +20,10 @@ Number deviationOfNumbers(const std::vector<Number>& values);
 /// As above over the numbers of a JSON array (other elements are skipped).
 Number deviationOfNumbers(const Json& values);
 
+/// `value` cut toward negative infinity at two decimals, through its shortest decimal text (as
+/// a floor-rounding number formatter with two fraction digits does: 0.29 stays 0.29).
+double floorToTwoDecimals(double value);
+
 /// A uniformly chosen index below `count` (0 when count is 0).
 std::size_t randomIndex(std::size_t count);
 

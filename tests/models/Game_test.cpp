@@ -1,0 +1,88 @@
+#include "lmkit/models/Game.hpp"
+
+#include <gtest/gtest.h>
+
+#include <unordered_set>
+
+namespace lmkit {
+namespace {
+
+std::shared_ptr<Game> game(const char* text) {
+    Error error;
+    auto g = JSONAdapter::modelOfClass<Game>(Json::parse(text), &error);
+    EXPECT_TRUE(g) << error.localizedDescription();
+    return g;
+}
+
+TEST(Game, DefaultsFillAbsentKeysAndOverseaFillsBoth) {
+    auto g = game(R"({"gid":"g1","oversea":true,"icon_url":"https://x/i.png",
+        "corner_badge":"bad url","subs":[{"gid":"g2","online":0}]})");
+    EXPECT_EQ(g->isOnline->intValue(), 1);
+    EXPECT_EQ(g->urlScheme, "");
+    EXPECT_EQ(g->consoleGameWikiId, "");
+    EXPECT_EQ(g->isHot->intValue(), 0);
+    ASSERT_TRUE(g->keyWords && g->category && g->multipleBundleUrlTypes);
+    EXPECT_TRUE(g->keyWords->empty());
+    EXPECT_TRUE(g->oversea);
+    EXPECT_TRUE(g->isOverseaGame);
+    EXPECT_EQ(g->iconUrl->absoluteString(), "https://x/i.png");
+    EXPECT_FALSE(g->badgeURL);
+    EXPECT_EQ((*g->zoneGames)[0]->isOnline->intValue(), 0);
+    EXPECT_FALSE(g->supportOpenURL());
+
+    auto json = *g->toJSONDictionary();
+    EXPECT_EQ(json["oversea"], true);
+    EXPECT_EQ(json["bundle_url_type"], "");
+    EXPECT_EQ(json["subs"][0]["gid"], "g2");
+    EXPECT_EQ(JSONAdapter::modelOfClass<Game>(json)->toJSONDictionary()->dump(), json.dump());
+}
+
+TEST(Game, EqualityAndHashFollowGid) {
+    auto a = game(R"({"gid":"g1","name":"A"})");
+    auto b = game(R"({"gid":"g1","name":"B"})");
+    auto c = game(R"({"gid":"g2","name":"A"})");
+    EXPECT_EQ(*a, *b);
+    EXPECT_FALSE(*a == *c);
+    EXPECT_EQ(std::hash<Game>()(*a), std::hash<Game>()(*b));
+    std::unordered_set<Game> set{*a, *b, *c};
+    EXPECT_EQ(set.size(), 2u);
+
+    auto titles = JSONAdapter::modelsOfClass<GameExtraTitle>(
+        Json::parse(R"([{"id":7,"label":"x"},{"id":7,"label":"y","max_click":5},{"id":8}])"));
+    ASSERT_TRUE(titles);
+    EXPECT_EQ(*(*titles)[0], *(*titles)[1]);
+    EXPECT_FALSE(*(*titles)[0] == *(*titles)[2]);
+    EXPECT_EQ((*titles)[0]->tapMaxLimit, 1);
+    EXPECT_EQ((*titles)[0]->displayMaxLimit, 2);
+    EXPECT_EQ((*titles)[1]->tapMaxLimit, 5);
+}
+
+TEST(Game, BundleEntriesLinksAndDialogs) {
+    auto g = game(R"({"gid":"g","name":"N","grade":3,"as_sub_name":"Asia",
+        "bundle_multiple_url_type":[{"bundle_url_type":"one","itc_url":"https://s/1"},
+        {"bundle_url_type":"two"},{"bundle_url_type":"three","itc_url":"https://s/3",
+        "download_areas":[{"name":"CN","key":"cn"}]}],
+        "dialog":[{"id":"d1","when":2},{"id":"d2","when":2},{"id":"d3","when":3}]})");
+    EXPECT_TRUE(g->supportOpenURL());
+    EXPECT_EQ(g->numberOfValidItuneUrl(), 2u);
+    EXPECT_EQ(*g->bundleUrlTypeWithValidItuneUrl()[1]->bundleUrlType, "three");
+    EXPECT_EQ(*(*(*g->multipleBundleUrlTypes)[2]->downloadAreas)[0]->area, "cn");
+    EXPECT_TRUE(g->installedAppBundleUrlTypes().empty());
+    Game::setURLOpeningChecker([](const std::string& url) { return url != "one://"; });
+    auto installed = g->installedAppBundleUrlTypes();
+    Game::setURLOpeningChecker(nullptr);
+    ASSERT_EQ(installed.size(), 2u);
+    EXPECT_EQ(*installed[0]->bundleUrlType, "two");
+
+    EXPECT_EQ(g->getDialogIDWithTiming(Number(2)), "d1");
+    EXPECT_EQ(g->getDialogIDWithTiming(Number(3)), "d3");
+    EXPECT_FALSE(g->getDialogIDWithTiming(Number(4)));
+    EXPECT_FALSE(game("{}")->getDialogIDWithTiming(Number(2)));
+    EXPECT_EQ(g->keyLog(), "id:g name:N grade:3, zone:Asia");
+
+    auto single = game(R"({"bundle_multiple_url_type":[{"name":"x"}]})");
+    EXPECT_TRUE(single->supportOpenURL());
+}
+
+}  // namespace
+}  // namespace lmkit
