@@ -1,0 +1,115 @@
+// Choosing the nodes a run hands back, and the result logs.
+#include <algorithm>
+#include <cmath>
+#include <map>
+
+#include "lmkit/foundation/Log.hpp"
+#include "lmkit/models/CollectionHelpers.hpp"
+#include "lmkit/nodes/NodeSelector.hpp"
+
+namespace lmkit {
+
+namespace {
+
+using Nodes = NodeSelector::Nodes;
+
+// Fisher-Yates over the first `count` nodes: for i from count down to 2, swap i − 1 with a
+// uniformly random position below i.
+void shuffleFirst(Nodes& nodes, std::size_t count) {
+    for (std::size_t i = count; i >= 2; --i)
+        std::swap(nodes[i - 1], nodes[collections::randomIndex(i)]);
+}
+
+bool hasNodeWithIp(const Nodes& nodes, const std::optional<std::string>& ip) {
+    return std::any_of(nodes.begin(), nodes.end(),
+                       [&](const std::shared_ptr<AccNode>& node) { return node->ip == ip; });
+}
+
+Nodes sortedByScore(const Nodes& nodes) {
+    Nodes sorted;
+    for (const auto& node : nodes)
+        if (node)
+            sorted.push_back(node);
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](const auto& a, const auto& b) { return a->score() > b->score(); });
+    return sorted;
+}
+
+}  // namespace
+
+NodeSelector::Nodes NodeSelector::chooseBestNodes(const Nodes& nodes, long mode,
+                                                  const std::optional<Number>& scoreRangeGap) {
+    if (mode == kModeTestMultipath)
+        return sortedByScore(nodes);
+
+    // Equal scores share a bucket, in walk order; unscored nodes earned nothing and stay out.
+    std::map<double, Nodes, std::greater<double>> buckets;
+    for (const auto& node : nodes) {
+        if (!node)
+            continue;
+        double score = node->score();
+        if (score == 0 || std::isnan(score))
+            continue;
+        buckets[score].push_back(node);
+    }
+
+    Nodes result;
+    if (buckets.size() == 1) {
+        Nodes bucket = buckets.begin()->second;
+        if (bucket.size() == 1) {
+            result = bucket;
+        } else {
+            shuffleFirst(bucket, bucket.size());
+            for (const auto& node : bucket)
+                if (!hasNodeWithIp(result, node->ip))
+                    result.push_back(node);
+        }
+    } else {
+        for (const auto& [score, bucket] : buckets) {
+            const auto& pick = bucket[collections::randomIndex(bucket.size())];
+            if (!hasNodeWithIp(result, pick->ip))
+                result.push_back(pick);
+        }
+    }
+
+    // Users spread over near-equal nodes instead of all landing on the single top one.
+    if (result.size() >= 2 && scoreRangeGap) {
+        double gap = scoreRangeGap->doubleValue();
+        double first = result.front()->score();
+        std::size_t end = result.size();
+        for (std::size_t i = 1; i < result.size(); ++i) {
+            double score = result[i]->score();
+            if (first != 0 && score != 0 && score < first - gap) {
+                end = i;
+                break;
+            }
+        }
+        shuffleFirst(result, end);
+    }
+    return result;
+}
+
+void NodeSelector::sortAndLogNodes(const Nodes& nodes) {
+    std::string text;
+    for (const auto& node : sortedByScore(nodes)) {
+        text += node->description();
+        text += '\n';
+    }
+    log::info("[NodeSelector] all nodes sorted by score(high->low):\n" + text);
+}
+
+void NodeSelector::logBestNodes(const Nodes& nodes, std::size_t logCount, bool markPrefix) {
+    std::string text;
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+        if (i == 0 && markPrefix)
+            text += "[best]";
+        text += nodes[i] ? nodes[i]->description() : "(null)";
+        text += '\n';
+        if (i == logCount)
+            break;
+    }
+    if (!nodes.empty())
+        log::info("[NodeSelector] final sorted and random node results:\n" + text);
+}
+
+}  // namespace lmkit
