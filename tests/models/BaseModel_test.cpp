@@ -132,6 +132,30 @@ TEST(BaseModel, NonObjectRecordValuesFailTheWholeDecode) {
     EXPECT_EQ(leaves->size(), 2u);
 }
 
+struct Nested : Model<Nested> {
+    std::shared_ptr<Nested> child;
+    static const std::vector<Property<Nested>>& properties() {
+        static const std::vector<Property<Nested>> table{prop("child", &Nested::child)};
+        return table;
+    }
+};
+
+TEST(BaseModel, HostileNestingFailsInsteadOfExhaustingTheStack) {
+    auto nest = [](int depth) {
+        std::string text;
+        for (int i = 0; i < depth; ++i)
+            text += R"({"child":)";
+        text += "{}";
+        text += std::string(depth, '}');
+        return Json::parse(text);
+    };
+    EXPECT_TRUE(JSONAdapter::modelOfClass<Nested>(nest(100)));
+    Error error;
+    EXPECT_FALSE(JSONAdapter::modelOfClass<Nested>(nest(100000), &error));
+    EXPECT_NE(error.localizedDescription().find("nested deeper"), std::string::npos);
+    EXPECT_TRUE(JSONAdapter::modelOfClass<Nested>(nest(100)));  // the depth count unwound
+}
+
 TEST(BaseModel, RecordWithoutTableDecodesToEmptyRecord) {
     auto bare = JSONAdapter::modelOfClass<Bare>(Json::parse(R"({"title":"x"})"));
     ASSERT_TRUE(bare);

@@ -483,8 +483,22 @@ struct Table {
     }
 };
 
+// Records nest through their own types (a game's zone games are games), so a hostile document
+// could nest them deep enough to exhaust the stack; no service record nests anywhere near this.
+inline constexpr int kMaxRecordDepth = 128;
+inline thread_local int recordDepth = 0;
+
 template <Record R>
 bool decodeRecord(const Json& object, R& record, Error& error) {
+    if (recordDepth >= kMaxRecordDepth) {
+        error = invalidInput("records nested deeper than " + std::to_string(kMaxRecordDepth) +
+                             " levels");
+        return false;
+    }
+    ++recordDepth;
+    struct Leave {
+        ~Leave() { --recordDepth; }
+    } leave;
     const auto& table = Table<R>::shared();
     const auto& properties = table.properties;
     const std::size_t count = properties.size();
