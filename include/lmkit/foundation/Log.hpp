@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <memory>
-#include <source_location>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,7 +29,23 @@ struct LogMessage {
     int context = 0;  // lets a formatter's allowlist select messages; the kit's own use 0
 };
 
-using Location = std::source_location;
+/// Where a log call stands in the source. The compiler builtins fill it in at the call site; they
+/// are used instead of std::source_location because clang 14 with libstdc++ 12 (the fuzzing
+/// toolchain here) lacks the latter.
+struct Location {
+    const char* file = "";
+    const char* function = "";
+    unsigned lineNumber = 0;
+
+    static constexpr Location current(const char* file = __builtin_FILE(),
+                                      const char* function = __builtin_FUNCTION(),
+                                      unsigned line = __builtin_LINE()) noexcept {
+        return Location{file, function, line};
+    }
+    constexpr const char* file_name() const noexcept { return file; }
+    constexpr const char* function_name() const noexcept { return function; }
+    constexpr unsigned line() const noexcept { return lineNumber; }
+};
 
 /// Logs `text` at the given flag. Never throws: a failing sink loses the line, not the caller.
 void write(unsigned flag, std::string_view text, Stream stream = Stream::App,
