@@ -1,5 +1,8 @@
 #include "lmkit/netinfo/InterfaceNaming.hpp"
 
+#include <cstdlib>
+#include <string_view>
+
 namespace lmkit {
 
 namespace {
@@ -20,6 +23,11 @@ InterfaceNaming InterfaceNaming::linuxNames() {
     naming.cellularFamilyPrefixes = {"wwan", "rmnet", "ccmni", "pdp_ip"};
     naming.kindNames = {"lo", "ap0", "wlan0", "wwan0"};
     return naming;
+}
+
+InterfaceNaming InterfaceNaming::fromEnvironment() {
+    const char* value = std::getenv("LMKIT_INTERFACE_NAMING");
+    return value != nullptr && std::string_view(value) == "linux" ? linuxNames() : platformNames();
 }
 
 bool InterfaceNaming::isWiFi(const std::string& name) const {

@@ -31,7 +31,11 @@ std::string pointerText(const void* pointer) {
 }  // namespace
 
 NetworkInfoProvider& NetworkInfoProvider::sharedProvider() {
-    static auto* provider = new NetworkInfoProvider();
+    static auto* provider = [] {
+        Sources sources;
+        sources.naming = InterfaceNaming::fromEnvironment();
+        return new NetworkInfoProvider(std::move(sources));
+    }();
     return *provider;
 }
 

@@ -5,7 +5,8 @@
 namespace lmkit {
 
 VPNNetworkStatusMonitor& VPNNetworkStatusMonitor::sharedMonitor() {
-    static auto* monitor = new VPNNetworkStatusMonitor();
+    static auto* monitor =
+        new VPNNetworkStatusMonitor(interfaceAddresses, InterfaceNaming::fromEnvironment());
     return *monitor;
 }
 

@@ -1,5 +1,7 @@
 #include "lmkit/netinfo/VPNNetworkStatusMonitor.hpp"
 
+#include <cstdlib>
+
 #include <gtest/gtest.h>
 
 #include "netinfo/FakeInterfaces.hpp"
@@ -72,4 +74,9 @@ TEST(VPNNetworkStatusMonitor, LinuxNamesAreConfigurable) {
     EXPECT_EQ(info.wifiIpV4, "192.168.1.9");
     EXPECT_EQ(info.wwanIp, "10.20.30.40");
     EXPECT_TRUE(info.WiFiValid && info.WWANValid);
+
+    setenv("LMKIT_INTERFACE_NAMING", "linux", 1);
+    EXPECT_EQ(InterfaceNaming::fromEnvironment().cellularInterface(), "wwan0");
+    unsetenv("LMKIT_INTERFACE_NAMING");
+    EXPECT_EQ(InterfaceNaming::fromEnvironment().cellularInterface(), "pdp_ip0");
 }

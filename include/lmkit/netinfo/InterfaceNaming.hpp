@@ -20,6 +20,9 @@ struct InterfaceNaming {
 
     static InterfaceNaming platformNames() { return {}; }
     static InterfaceNaming linuxNames();
+    /// The naming the shared instances start with: linuxNames() when the environment variable
+    /// LMKIT_INTERFACE_NAMING is "linux", else platformNames().
+    static InterfaceNaming fromEnvironment();
 
     bool isWiFi(const std::string& name) const;
     bool isCellular(const std::string& name) const;

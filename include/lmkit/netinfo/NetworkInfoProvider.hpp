@@ -13,7 +13,7 @@
 #include "lmkit/netinfo/NetworkInterfaceInfo.hpp"
 #include "lmkit/netinfo/Reachability.hpp"
 #include "lmkit/netinfo/TelephonyNetworkInfo.hpp"
-#include "lmkit/netinfo/WiFiNetworkSSIDInfo.hpp"
+#include "lmkit/models/WiFiNetworkSSIDInfo.hpp"
 #include "lmkit/platform/DispatchQueue.hpp"
 #include "lmkit/platform/InterfaceAddresses.hpp"
 
