@@ -112,8 +112,9 @@ TEST(NodeSelector, PicksTheFastestSteadyNodeOverRealEchoes) {
     ASSERT_EQ(outcome.successes, 1);
     ASSERT_FALSE(outcome.nodes.empty());
     EXPECT_EQ(outcome.nodes[0]->ip, "127.0.0.2");
+    // The reported delay is the best key's trimmed average, as stored in the node.
     EXPECT_GE(outcome.delay, 10);
-    EXPECT_LT(outcome.delay, 40);
+    EXPECT_EQ(outcome.delay, outcome.nodes[0]->delay);
     EXPECT_EQ(outcome.loss, 0);
     EXPECT_GE(outcome.deviation, 0);
     const auto& best = *outcome.nodes[0];
@@ -366,6 +367,18 @@ TEST(NodeSelector, ZeroScoresAndOtherDelayModes) {
         ASSERT_EQ(outcome.successes, 1);
         EXPECT_EQ(outcome.delay, 1000);
         EXPECT_EQ(selector->delayModeString(), "null");
+    }
+    {
+        // An empty list fails before the run's callbacks are stored: the caller hears nothing,
+        // and the error (code 5) waits on the selector.
+        auto selector = makeSelector(0.3, 2, echoes.port);
+        Outcome outcome;
+        selector->pickBestNodeFromNodes({}, AccConfig::defaultConfig(), 0, outcome.success(),
+                                        outcome.failure());
+        ASSERT_TRUE(waitFor([&] { return selector->error().has_value(); }, 5));
+        EXPECT_EQ(selector->error()->code, 5);
+        EXPECT_EQ(selector->error()->domain, "NodeSelectorErrorDomain");
+        EXPECT_FALSE(waitFor([&] { return outcome.reports() > 0; }, 0.3));
     }
 }
 
