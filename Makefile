@@ -25,10 +25,12 @@ asan: setup
 
 tsan: setup
 	@cmake --preset tsan >/dev/null
-	@cmake --build --preset tsan -j $(JOBS)
+	@cmake --build --preset tsan -j $(JOBS) --target lmkit_concurrency_tests
 	@ctest --preset tsan
 
-bench: release
+bench: setup
+	@cmake --preset release -DLMKIT_BUILD_BENCH=ON >/dev/null
+	@cmake --build --preset release -j $(JOBS)
 	@./bench/run build/release
 
 fuzz: setup
