@@ -1,0 +1,172 @@
+#include "NodeRun.hpp"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+
+#include "Command.hpp"
+#include "lmkit/platform/DispatchQueue.hpp"
+
+namespace lmkit::tool {
+
+namespace {
+
+// After a run has finished without a report (every node scored 0) nothing more will come.
+constexpr double kQuietAfterFinishSeconds = 0.5;
+
+std::string text(const std::optional<std::string>& value) {
+    return value ? *value : "-";
+}
+
+}  // namespace
+
+NodeRunResult runSelection(const NodeSelector::Nodes& nodes, std::shared_ptr<AccConfig> config,
+                           const NodeRunOptions& options) {
+    if (nodes.empty())
+        throw Failure("the document lists no nodes");
+    // Without a fixed time-out the plain selector computes its own time-outs and pacing.
+    std::shared_ptr<NodeSelector> selector;
+    if (options.timeout > 0) {
+        selector = NodeSelector::create(options.interfaceType, options.timeout, options.count,
+                                        DispatchQueue::serial("lmkit.select.callbacks"));
+    } else {
+        if (options.interfaceType != NodeSelector::kInterfaceAny || options.count != 5)
+            throw Failure("--interface and --count need --timeout");
+        selector = NodeSelector::create();
+    }
+    selector->setPort(options.port);
+    selector->setSendDataPrefix(options.prefix);
+    std::optional<Error> bindError;
+    if (!selector->createUdpSocketIfHasError(&bindError))
+        throw Failure(bindError ? describe(*bindError) : "the probe socket could not be opened");
+
+    std::mutex mutex;
+    std::condition_variable done;
+    bool reported = false;
+    NodeRunResult result;
+    result.nodes = nodes;
+    std::optional<Error> failure;
+    auto onSuccess = [&](const NodeSelector::Nodes& chosen, double d, double l, double dev) {
+        std::lock_guard guard(mutex);
+        result.chosen = chosen;
+        result.delay = d;
+        result.loss = l;
+        result.deviation = dev;
+        reported = true;
+        done.notify_all();
+    };
+    auto onFailure = [&](const Error& error) {
+        std::lock_guard guard(mutex);
+        failure = error;
+        reported = true;
+        done.notify_all();
+    };
+    if (options.mode == NodeSelector::kModeTestMultipath) {
+        selector->testMultipathNodeFromNodes(nodes, config, options.delayMode, onSuccess,
+                                             onFailure);
+    } else if (options.mode == NodeSelector::kModeTestPing) {
+        selector->setDelayMode(options.delayMode);
+        selector->testPingFromNode(
+            nodes.front(), config,
+            [&](const std::shared_ptr<AccNode>& node, double d, double l, double dev) {
+                onSuccess(node ? NodeSelector::Nodes{node} : NodeSelector::Nodes{}, d, l, dev);
+            },
+            onFailure);
+        result.nodes = {nodes.front()};
+    } else {
+        selector->pickBestNodeFromNodes(nodes, config, options.delayMode, onSuccess, onFailure);
+    }
+
+    std::unique_lock lock(mutex);
+    double quiet = 0;
+    while (!reported) {
+        done.wait_for(lock, std::chrono::milliseconds(100));
+        if (options.progress) {
+            std::fprintf(stderr, "\rprobing %zu nodes: %ld probes sent, %s   ", nodes.size(),
+                         selector->sendedPacketNumber(),
+                         selector->computingStatus() >= NodeSelector::kStatusTimedOut
+                             ? "scoring"
+                             : "waiting for echoes");
+        }
+        if (selector->computingStatus() == NodeSelector::kStatusFinished) {
+            quiet += 0.1;
+            if (quiet >= kQuietAfterFinishSeconds)
+                break;
+        }
+    }
+    if (options.progress)
+        std::fprintf(stderr, "\r\033[K");
+    lock.unlock();
+    selector->stop();
+    std::lock_guard guard(mutex);
+    if (failure)
+        throw Failure(describe(*failure));
+    return result;
+}
+
+void printNodeTable(const NodeRunResult& result) {
+    auto ranked = result.nodes;
+    std::stable_sort(ranked.begin(), ranked.end(),
+                     [](const auto& a, const auto& b) { return a->score() > b->score(); });
+    std::printf("%4s  %-12s %-16s %8s %8s %8s %6s %7s %6s %6s %5s %8s\n", "rank", "node",
+                "ping server", "avg ms", "min ms", "max ms", "loss", "delay", "loss", "load", "isp",
+                "total");
+    int rank = 1;
+    for (const auto& node : ranked) {
+        std::printf("%4d  %-12s %-16s %8.1f %8.1f %8.1f %5.0f%% %7.1f %6.1f %6.1f %5.1f %8.1f\n",
+                    rank++, text(node->identifier).c_str(), node->safePingServer().c_str(),
+                    node->avgDelay, node->minDelay, node->maxDelay, node->loss * 100,
+                    node->delayScore, node->lossScore, node->loadScore, node->ispScore,
+                    node->score());
+    }
+    if (result.chosen.empty()) {
+        std::printf("\nno node chosen: every node scored 0\n");
+        return;
+    }
+    std::printf("\nchosen: ");
+    for (std::size_t i = 0; i < result.chosen.size(); ++i)
+        std::printf("%s%s", i ? ", " : "", text(result.chosen[i]->identifier).c_str());
+    std::printf("\nbest: %s (%s)  delay %.1f ms  loss %.0f%%  deviation %.2f ms\n",
+                text(result.chosen[0]->identifier).c_str(),
+                result.chosen[0]->safePingServer().c_str(), result.delay, result.loss * 100,
+                result.deviation);
+}
+
+nlohmann::ordered_json nodeResultJson(const NodeRunResult& result) {
+    auto nodeJson = [](const AccNode& node) {
+        nlohmann::ordered_json j;
+        j["id"] = node.identifier ? nlohmann::ordered_json(*node.identifier) : nullptr;
+        j["ping_server"] = node.safePingServer();
+        j["delay"] = node.delay;
+        j["avg_delay"] = node.avgDelay;
+        j["min_delay"] = node.minDelay;
+        j["max_delay"] = node.maxDelay;
+        j["loss"] = node.loss;
+        j["delay_score"] = node.delayScore;
+        j["loss_score"] = node.lossScore;
+        j["load_score"] = node.loadScore;
+        j["isp_score"] = node.ispScore;
+        j["score"] = node.score();
+        return j;
+    };
+    auto ranked = result.nodes;
+    std::stable_sort(ranked.begin(), ranked.end(),
+                     [](const auto& a, const auto& b) { return a->score() > b->score(); });
+    nlohmann::ordered_json out;
+    out["nodes"] = nlohmann::ordered_json::array();
+    for (const auto& node : ranked)
+        out["nodes"].push_back(nodeJson(*node));
+    out["chosen"] = nlohmann::ordered_json::array();
+    for (const auto& node : result.chosen)
+        out["chosen"].push_back(node->identifier ? nlohmann::ordered_json(*node->identifier)
+                                                 : nlohmann::ordered_json(node->safePingServer()));
+    if (!result.chosen.empty()) {
+        out["delay"] = result.delay;
+        out["loss"] = result.loss;
+        out["deviation"] = result.deviation;
+    }
+    return out;
+}
+
+}  // namespace lmkit::tool

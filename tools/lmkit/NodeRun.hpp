@@ -1,0 +1,42 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "lmkit/nodes/NodeSelector.hpp"
+
+namespace lmkit::tool {
+
+/// What one selection run gave back.
+struct NodeRunResult {
+    NodeSelector::Nodes nodes;   // every probed node
+    NodeSelector::Nodes chosen;  // the run's answer, best first (empty: nothing chosen)
+    double delay = 0;
+    double loss = 0;
+    double deviation = 0;
+};
+
+struct NodeRunOptions {
+    long mode = NodeSelector::kModeBestNode;
+    long delayMode = NodeSelector::kDelayModeAvg;
+    long interfaceType = NodeSelector::kInterfaceAny;
+    long count = 5;
+    double timeout = 0;  // 0: the selector's computed time-outs
+    long port = 9999;
+    std::string prefix;
+    bool progress = false;  // a live progress line on standard error
+};
+
+/// Runs one selection and waits for its report; throws Failure with the error's domain and code.
+NodeRunResult runSelection(const NodeSelector::Nodes& nodes, std::shared_ptr<AccConfig> config,
+                           const NodeRunOptions& options);
+
+/// The ranked table (rank, node, ping server, delays, loss, partial and total scores).
+void printNodeTable(const NodeRunResult& result);
+nlohmann::ordered_json nodeResultJson(const NodeRunResult& result);
+
+}  // namespace lmkit::tool

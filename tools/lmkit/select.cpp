@@ -1,0 +1,110 @@
+// lmkit select: probe the nodes of a service document and rank them.
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include <unistd.h>
+
+#include "Command.hpp"
+#include "NodeRun.hpp"
+#include "lmkit/models/AccAPIResponseObject.hpp"
+
+namespace lmkit::tool {
+namespace {
+
+struct SelectOptions {
+    std::string file;
+    std::string mode = "best";
+    std::string delayMode = "avg";
+    std::string interface = "any";
+    long count = 5;
+    double timeout = 0;
+    long port = 9999;
+    std::string prefix;
+};
+
+// The nodes of an acceleration answer ("acc"), or of a plain array of nodes; the scoring limits
+// from "acc_config" when the document has them.
+void readDocument(const std::string& path, NodeSelector::Nodes& nodes,
+                  std::shared_ptr<AccConfig>& config) {
+    std::ifstream in(path);
+    if (!in)
+        throw Failure("cannot read " + path);
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    auto json = Json::parse(buffer.str(), nullptr, false);
+    if (json.is_discarded())
+        throw Failure(path + ": not a JSON document");
+    Error error;
+    config = AccConfig::defaultConfig();
+    if (json.is_array()) {
+        auto parsed = JSONAdapter::modelsOfClass<AccNode>(json, &error);
+        if (!parsed)
+            throw Failure(path + ": " + describe(error));
+        nodes = *parsed;
+        return;
+    }
+    auto answer = JSONAdapter::modelOfClass<AccAPIResponseObject>(json, &error);
+    if (!answer)
+        throw Failure(path + ": " + describe(error));
+    if (answer->accNodes)
+        nodes = *answer->accNodes;
+    if (json.is_object() && json.contains("acc_config")) {
+        auto parsed = JSONAdapter::modelOfClass<AccConfig>(json["acc_config"], &error);
+        if (!parsed)
+            throw Failure(path + ": acc_config: " + describe(error));
+        config = parsed;
+    }
+}
+
+Command select("select", "Probe the nodes of a service document and rank them",
+               [](CLI::App& app, Common& common) {
+                   auto options = std::make_shared<SelectOptions>();
+                   app.add_option("FILE", options->file,
+                                  "Acceleration answer (nodes under \"acc\") or array of nodes")
+                       ->required();
+                   app.add_flag("--json", common.json, "Print data as JSON");
+                   app.add_option("--mode", options->mode, "best, multipath or ping")
+                       ->check(CLI::IsMember({"best", "multipath", "ping"}));
+                   app.add_option("--delay-mode", options->delayMode, "avg or min")
+                       ->check(CLI::IsMember({"avg", "min"}));
+                   app.add_option("--interface", options->interface, "any, wifi or cellular")
+                       ->check(CLI::IsMember({"any", "wifi", "cellular"}));
+                   app.add_option("--count", options->count, "Probes per ping server")
+                       ->check(CLI::Range(1, 100));
+                   app.add_option("--timeout", options->timeout,
+                                  "Fixed receive time-out in seconds (0: computed)")
+                       ->check(CLI::NonNegativeNumber);
+                   app.add_option("--port", options->port, "Destination port of the probes")
+                       ->check(CLI::Range(1, 65535));
+                   app.add_option("--prefix", options->prefix, "Text put before every probe");
+                   return [options, &common]() -> int {
+                       NodeSelector::Nodes nodes;
+                       std::shared_ptr<AccConfig> config;
+                       readDocument(options->file, nodes, config);
+                       NodeRunOptions run;
+                       run.mode = options->mode == "best"        ? NodeSelector::kModeBestNode
+                                  : options->mode == "multipath" ? NodeSelector::kModeTestMultipath
+                                                                 : NodeSelector::kModeTestPing;
+                       run.delayMode = options->delayMode == "min" ? NodeSelector::kDelayModeMin
+                                                                   : NodeSelector::kDelayModeAvg;
+                       run.interfaceType = options->interface == "wifi"       ? 1
+                                           : options->interface == "cellular" ? 2
+                                                                              : 0;
+                       run.count = options->count;
+                       run.timeout = options->timeout;
+                       run.port = options->port;
+                       run.prefix = options->prefix;
+                       run.progress = !common.json && isatty(STDERR_FILENO);
+                       auto result = runSelection(nodes, config, run);
+                       if (common.json) {
+                           std::puts(nodeResultJson(result).dump(2).c_str());
+                       } else {
+                           printNodeTable(result);
+                       }
+                       return 0;
+                   };
+               });
+
+}  // namespace
+}  // namespace lmkit::tool
