@@ -12,18 +12,13 @@
 #include "lmkit/models/VPNMessageLossQuery.hpp"
 #include "lmkit/models/WiFiNetworkSSIDInfo.hpp"
 #include "lmkit/platform/AppGroup.hpp"
+#include "support/RecordDecoding.hpp"
 #include "support/TestSupport.hpp"
 
 namespace lmkit {
 namespace {
 
-template <class R>
-std::shared_ptr<R> decode(const char* text) {
-    Error error;
-    auto record = JSONAdapter::modelOfClass<R>(Json::parse(text), &error);
-    EXPECT_TRUE(record) << error.localizedDescription();
-    return record;
-}
+using lmkit::testing::decode;
 
 TEST(UnstableNetworkConfig, IntervalTravelsInMillisecondsAndIsHeldInSeconds) {
     auto config = decode<UnstableNetworkConfig>(R"({"interval":1500,"loss":0.3,"deviation":10})");

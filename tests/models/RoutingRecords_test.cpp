@@ -17,16 +17,12 @@
 #include "lmkit/models/RouteDomain.hpp"
 #include "lmkit/models/SocksInfo.hpp"
 
+#include "support/RecordDecoding.hpp"
+
 namespace lmkit {
 namespace {
 
-template <class R>
-std::shared_ptr<R> decode(const char* text) {
-    Error error;
-    auto record = JSONAdapter::modelOfClass<R>(Json::parse(text), &error);
-    EXPECT_TRUE(record) << error.localizedDescription();
-    return record;
-}
+using lmkit::testing::decode;
 
 // The address word as the packet engine holds it: the bytes in network order, in memory.
 std::uint32_t memoryWord(const char* dotted) {
