@@ -1,0 +1,371 @@
+#include "lmkit/platform/Wormhole.hpp"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+#include "platform/WormholeFileName.hpp"
+
+namespace lmkit {
+
+namespace {
+
+// A message file larger than this is not a message of ours; the reader leaves it alone rather
+// than loading it.
+constexpr std::size_t kMaxMessageBytes = 16 * 1024 * 1024;
+
+// One read() of the inotify descriptor. Events are coalesced per identifier over a batch, so a
+// larger buffer lets a reader that fell behind skip more superseded messages at once.
+constexpr std::size_t kEventBufferBytes = 64 * 1024;
+// Reads per batch before the reader delivers what it has, so a writer that never pauses cannot
+// starve the listeners.
+constexpr int kMaxReadsPerBatch = 16;
+
+std::optional<Wormhole::Bytes> readWholeFile(int directoryFd, const std::string& name) {
+    int fd = ::openat(directoryFd, name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0)
+        return std::nullopt;
+    std::optional<Wormhole::Bytes> result;
+    struct stat info {};
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
+        static_cast<std::uint64_t>(info.st_size) <= kMaxMessageBytes) {
+        Wormhole::Bytes bytes(static_cast<std::size_t>(info.st_size));
+        std::size_t done = 0;
+        bool ok = true;
+        while (done < bytes.size()) {
+            ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0) {
+                ok = false;
+                break;
+            }
+            done += static_cast<std::size_t>(n);
+        }
+        if (ok)
+            result = std::move(bytes);
+    }
+    ::close(fd);
+    return result;
+}
+
+bool writeAll(int fd, const Wormhole::Bytes& bytes) {
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// Every message file of the directory, by identifier, newest first.
+std::map<std::string, std::vector<wormhole_detail::MessageFileName>> scanDirectory(
+    int directoryFd, const std::string* onlyIdentifier) {
+    std::map<std::string, std::vector<wormhole_detail::MessageFileName>> found;
+    int fd = ::openat(directoryFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return found;
+    DIR* dir = ::fdopendir(fd);
+    if (!dir) {
+        ::close(fd);
+        return found;
+    }
+    while (struct dirent* entry = ::readdir(dir)) {
+        auto parsed = wormhole_detail::parseMessageFileName(entry->d_name);
+        if (!parsed || (onlyIdentifier && parsed->identifier != *onlyIdentifier))
+            continue;
+        found[parsed->identifier].push_back(std::move(*parsed));
+    }
+    ::closedir(dir);
+    for (auto& [identifier, files] : found)
+        std::sort(files.begin(), files.end(),
+                  [](const auto& a, const auto& b) { return b.order() < a.order(); });
+    return found;
+}
+
+}  // namespace
+
+struct Wormhole::State : std::enable_shared_from_this<Wormhole::State> {
+    std::filesystem::path directory;
+    int directoryFd = -1;
+    int inotifyFd = -1;
+    int stopFd = -1;
+    std::optional<DispatchQueue> queue;
+    std::thread reader;
+
+    std::mutex listenersMutex;
+    std::unordered_map<std::string, std::shared_ptr<Listener>> listeners;  // listenersMutex
+
+    // Writers of this process take their sequence and replace their previous file one at a time.
+    std::mutex writeMutex;
+    std::uint64_t lastSequence = 0;                            // guarded by writeMutex
+    std::unordered_map<std::string, std::string> ownPrevious;  // guarded by writeMutex
+    std::uint64_t temporaryCounter = 0;                        // guarded by writeMutex
+
+    // The newest message handed to the queue per identifier; reader thread only.
+    std::unordered_map<std::string, wormhole_detail::MessageOrder> delivered;
+
+    ~State() {
+        for (int fd : {directoryFd, inotifyFd, stopFd})
+            if (fd >= 0)
+                ::close(fd);
+    }
+
+    bool hasListener(const std::string& identifier) {
+        std::lock_guard lock(listenersMutex);
+        return listeners.count(identifier) != 0;
+    }
+
+    void deliver(const std::string& identifier, const wormhole_detail::MessageFileName& file) {
+        auto last = delivered.find(identifier);
+        if (last != delivered.end() && !(last->second < file.order()))
+            return;
+        if (!hasListener(identifier))
+            return;
+        auto bytes = readWholeFile(directoryFd, file.fileName);
+        if (!bytes)  // already replaced and unlinked: its successor has an event of its own
+            return;
+        delivered[identifier] = file.order();
+        std::weak_ptr<State> weak = weak_from_this();
+        queue->async([weak, identifier, message = std::move(*bytes)] {
+            auto self = weak.lock();
+            if (!self)
+                return;
+            std::shared_ptr<Listener> listener;
+            {
+                std::lock_guard lock(self->listenersMutex);
+                auto found = self->listeners.find(identifier);
+                if (found != self->listeners.end())
+                    listener = found->second;
+            }
+            if (!listener || !*listener)
+                return;
+            try {
+                (*listener)(message);
+            } catch (...) {
+                // A listener's failure is its own; the channel keeps delivering.
+            }
+        });
+    }
+
+    void rescanListened() {
+        std::vector<std::string> identifiers;
+        {
+            std::lock_guard lock(listenersMutex);
+            for (const auto& [identifier, listener] : listeners)
+                identifiers.push_back(identifier);
+        }
+        for (const auto& identifier : identifiers) {
+            auto files = scanDirectory(directoryFd, &identifier);
+            auto found = files.find(identifier);
+            if (found != files.end() && !found->second.empty())
+                deliver(identifier, found->second.front());
+        }
+    }
+
+    void readLoop() {
+        std::vector<char> buffer(kEventBufferBytes);
+        for (;;) {
+            pollfd fds[2] = {{inotifyFd, POLLIN, 0}, {stopFd, POLLIN, 0}};
+            int ready = ::poll(fds, 2, -1);
+            if (ready < 0) {
+                if (errno == EINTR)
+                    continue;
+                return;
+            }
+            if (fds[1].revents != 0)
+                return;
+            if (fds[0].revents & (POLLERR | POLLNVAL))
+                return;
+
+            std::map<std::string, wormhole_detail::MessageFileName> newest;
+            bool overflowed = false;
+            for (int reads = 0; reads < kMaxReadsPerBatch; ++reads) {
+                ssize_t n = ::read(inotifyFd, buffer.data(), buffer.size());
+                if (n < 0 && errno == EINTR)
+                    continue;
+                if (n <= 0)
+                    break;
+                for (ssize_t offset = 0; offset < n;) {
+                    const auto* event =
+                        reinterpret_cast<const inotify_event*>(buffer.data() + offset);
+                    offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+                    if (event->mask & IN_Q_OVERFLOW) {
+                        overflowed = true;
+                        continue;
+                    }
+                    if (event->len == 0)
+                        continue;
+                    auto parsed = wormhole_detail::parseMessageFileName(event->name);
+                    if (!parsed)
+                        continue;
+                    auto& slot = newest[parsed->identifier];
+                    if (slot.fileName.empty() || slot.order() < parsed->order())
+                        slot = std::move(*parsed);
+                }
+            }
+            if (overflowed) {
+                rescanListened();
+                continue;
+            }
+            for (const auto& [identifier, file] : newest)
+                deliver(identifier, file);
+        }
+    }
+
+    std::uint64_t nextSequence() {
+        auto now = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                       std::chrono::system_clock::now().time_since_epoch())
+                       .count();
+        auto candidate = now > 0 ? static_cast<std::uint64_t>(now) : 0;
+        lastSequence = std::max(candidate, lastSequence + 1);
+        return lastSequence;
+    }
+};
+
+Wormhole::Wormhole(std::filesystem::path containerDirectory, const std::string& optionalDirectory,
+                   WormholeTransitingType /*transitingType*/)
+    : state_(std::make_shared<State>()) {
+    state_->directory =
+        optionalDirectory.empty() ? containerDirectory : containerDirectory / optionalDirectory;
+    char label[64];
+    std::snprintf(label, sizeof label, "com.wormhole.listenerQueue.%p",
+                  static_cast<void*>(state_.get()));
+    state_->queue = DispatchQueue::serial(label);
+
+    std::error_code ignored;
+    std::filesystem::create_directories(state_->directory, ignored);
+    state_->directoryFd = ::open(state_->directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    state_->inotifyFd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    state_->stopFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (state_->directoryFd < 0 || state_->inotifyFd < 0 || state_->stopFd < 0)
+        return;  // a carrier without a directory writes nothing and hears nothing
+    // A rename into the directory is how messages arrive; a file written in place (by hand, by
+    // another tool) counts once it is closed.
+    if (::inotify_add_watch(state_->inotifyFd, state_->directory.c_str(),
+                            IN_MOVED_TO | IN_CLOSE_WRITE) < 0)
+        return;
+    state_->reader = std::thread([state = state_.get()] { state->readLoop(); });
+}
+
+Wormhole::~Wormhole() {
+    if (state_->reader.joinable()) {
+        std::uint64_t one = 1;
+        [[maybe_unused]] auto written = ::write(state_->stopFd, &one, sizeof one);
+        state_->reader.join();
+    }
+    std::lock_guard lock(state_->listenersMutex);
+    state_->listeners.clear();
+}
+
+const std::filesystem::path& Wormhole::directory() const {
+    return state_->directory;
+}
+
+const DispatchQueue& Wormhole::queue() const {
+    return *state_->queue;
+}
+
+bool Wormhole::isValidIdentifier(const std::string& identifier) {
+    return wormhole_detail::isValidIdentifier(identifier);
+}
+
+bool Wormhole::passMessageData(const std::string& identifier, const Bytes& message) {
+    auto& s = *state_;
+    if (!isValidIdentifier(identifier) || s.directoryFd < 0)
+        return false;
+    std::lock_guard lock(s.writeMutex);
+    wormhole_detail::MessageFileName file{
+        identifier, s.nextSequence(), static_cast<std::uint64_t>(::getpid()), {}};
+    file.fileName = wormhole_detail::formatMessageFileName(file);
+    // Hidden, so no reader takes it for a message while it is being written.
+    std::string temporary =
+        "." + std::to_string(::getpid()) + "." + std::to_string(++s.temporaryCounter) + ".tmp";
+    int fd = ::openat(s.directoryFd, temporary.c_str(),
+                      O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (fd < 0)
+        return false;
+    bool written = writeAll(fd, message);
+    written = (::close(fd) == 0) && written;
+    if (!written ||
+        ::renameat(s.directoryFd, temporary.c_str(), s.directoryFd, file.fileName.c_str()) != 0) {
+        ::unlinkat(s.directoryFd, temporary.c_str(), 0);
+        return false;
+    }
+    auto& previous = s.ownPrevious[identifier];
+    if (!previous.empty())
+        ::unlinkat(s.directoryFd, previous.c_str(), 0);
+    previous = file.fileName;
+    return true;
+}
+
+std::optional<Wormhole::Bytes> Wormhole::messageWithIdentifier(
+    const std::string& identifier) const {
+    auto& s = *state_;
+    if (!isValidIdentifier(identifier) || s.directoryFd < 0)
+        return std::nullopt;
+    // A file may vanish between the scan and the read when its writer replaces it; the
+    // replacement is then the newest, so scan again.
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        auto files = scanDirectory(s.directoryFd, &identifier);
+        auto found = files.find(identifier);
+        if (found == files.end() || found->second.empty())
+            return std::nullopt;
+        auto& candidates = found->second;
+        if (auto bytes = readWholeFile(s.directoryFd, candidates.front().fileName)) {
+            // Older files are left behind by writers that ended before replacing them.
+            for (std::size_t i = 1; i < candidates.size(); ++i)
+                ::unlinkat(s.directoryFd, candidates[i].fileName.c_str(), 0);
+            return bytes;
+        }
+    }
+    return std::nullopt;
+}
+
+void Wormhole::listenForMessageWithIdentifier(const std::string& identifier, Listener listener) {
+    std::lock_guard lock(state_->listenersMutex);
+    state_->listeners[identifier] = std::make_shared<Listener>(std::move(listener));
+}
+
+void Wormhole::stopListeningForMessageWithIdentifier(const std::string& identifier) {
+    std::lock_guard lock(state_->listenersMutex);
+    state_->listeners.erase(identifier);
+}
+
+void Wormhole::clearMessageContentsForIdentifier(const std::string& identifier) {
+    if (!isValidIdentifier(identifier) || state_->directoryFd < 0)
+        return;
+    for (const auto& [name, files] : scanDirectory(state_->directoryFd, &identifier))
+        for (const auto& file : files)
+            ::unlinkat(state_->directoryFd, file.fileName.c_str(), 0);
+}
+
+void Wormhole::clearAllMessageContents() {
+    if (state_->directoryFd < 0)
+        return;
+    for (const auto& [name, files] : scanDirectory(state_->directoryFd, nullptr))
+        for (const auto& file : files)
+            ::unlinkat(state_->directoryFd, file.fileName.c_str(), 0);
+}
+
+}  // namespace lmkit
