@@ -198,7 +198,12 @@ struct Wormhole::State : std::enable_shared_from_this<Wormhole::State> {
             if (fds[0].revents & (POLLERR | POLLNVAL))
                 return;
 
-            std::map<std::string, wormhole_detail::MessageFileName> newest;
+            // The newest file per identifier in this batch, with the position of its event, so
+            // that identifiers are delivered in the order their messages arrived.
+            std::unordered_map<std::string,
+                               std::pair<std::size_t, wormhole_detail::MessageFileName>>
+                newest;
+            std::size_t position = 0;
             bool overflowed = false;
             for (int reads = 0; reads < kMaxReadsPerBatch; ++reads) {
                 ssize_t n = ::read(inotifyFd, buffer.data(), buffer.size());
@@ -220,16 +225,22 @@ struct Wormhole::State : std::enable_shared_from_this<Wormhole::State> {
                     if (!parsed)
                         continue;
                     auto& slot = newest[parsed->identifier];
-                    if (slot.fileName.empty() || slot.order() < parsed->order())
-                        slot = std::move(*parsed);
+                    if (slot.second.fileName.empty() || slot.second.order() < parsed->order())
+                        slot = {position, std::move(*parsed)};
+                    ++position;
                 }
             }
             if (overflowed) {
                 rescanListened();
                 continue;
             }
-            for (const auto& [identifier, file] : newest)
-                deliver(identifier, file);
+            std::vector<std::pair<std::size_t, const wormhole_detail::MessageFileName*>> ordered;
+            for (const auto& [identifier, slot] : newest)
+                ordered.emplace_back(slot.first, &slot.second);
+            std::sort(ordered.begin(), ordered.end(),
+                      [](const auto& a, const auto& b) { return a.first < b.first; });
+            for (const auto& [at, file] : ordered)
+                deliver(file->identifier, *file);
         }
     }
 
