@@ -7,6 +7,7 @@
 #include <cstring>
 #include <map>
 
+#include "lmkit/models/AccNode.hpp"
 #include "lmkit/platform/NotificationCenter.hpp"
 
 namespace lmkit {
@@ -32,11 +33,19 @@ std::string pointerText(const void* pointer) {
 
 NetworkInfoProvider& NetworkInfoProvider::sharedProvider() {
     static auto* provider = [] {
+        connectCarrierTypeCodeToNodes();
         Sources sources;
         sources.naming = InterfaceNaming::fromEnvironment();
         return new NetworkInfoProvider(std::move(sources));
     }();
     return *provider;
+}
+
+void NetworkInfoProvider::connectCarrierTypeCodeToNodes() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        AccNode::setCarrierTypeCodeProvider([] { return sharedProvider().carrierTypeCode(); });
+    });
 }
 
 NetworkInfoProvider::NetworkInfoProvider() : NetworkInfoProvider(Sources{}) {}

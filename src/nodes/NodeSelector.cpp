@@ -11,6 +11,7 @@
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/foundation/UserDefaults.hpp"
 #include "lmkit/netinfo/IPAddressString.hpp"
+#include "lmkit/netinfo/NetworkInfoProvider.hpp"
 #include "lmkit/netinfo/VPNNetworkStatusMonitor.hpp"
 #include "lmkit/nodes/DelayStatistics.hpp"
 #include "lmkit/nodes/ProbePacing.hpp"
@@ -92,6 +93,8 @@ std::shared_ptr<NodeSelector> NodeSelector::create(long bindedInterfaceType, dou
 }
 
 void NodeSelector::commonInit() {
+    // Nodes may be asked for their carrier's address while this selector is around.
+    NetworkInfoProvider::connectCarrierTypeCodeToNodes();
     log::info(
         fmt::format("[NodeSelector] Initialize, bind socket interface:{}, rear delay "
                     "enable:{}",
@@ -585,38 +588,29 @@ void NodeSelector::didReceiveData(UdpSocket& socket, const std::vector<std::uint
         first = firstPacketTimeStamp_;
         generation = generation_;
     }
-    auto reply = probe::parseProbeReply(data, prefix);
-    switch (reply.status) {
-        case probe::ProbeReply::Status::Ignored:
+    auto decision =
+        probe::decideProbeReply(data.data(), data.size(), prefix, first, Clock::nowMilliseconds(),
+                                address.host, address.port, address.family);
+    switch (decision.action) {
+        case probe::ReplyDecision::Action::Drop:
             return;
-        case probe::ProbeReply::Status::InvalidPacket:
-            log::warning("[NodeSelector] Invalid response packet: " + reply.text);
+        case probe::ReplyDecision::Action::InvalidPacket:
+            log::warning("[NodeSelector] Invalid response packet: " + decision.text);
             return;
-        case probe::ProbeReply::Status::InvalidTimestamp:
-            log::warning("[NodeSelector] Invalid response timestamp: " + reply.text);
+        case probe::ReplyDecision::Action::InvalidTimestamp:
+            log::warning("[NodeSelector] Invalid response timestamp: " + decision.text);
             return;
-        case probe::ProbeReply::Status::Accepted:
+        case probe::ReplyDecision::Action::Record:
             break;
     }
-    double delay = static_cast<double>(Clock::nowMilliseconds()) - (reply.stamp + first);
-    if (delay < 0)
-        return;  // a stamp of a later run or a clock step
-    if (address.host.empty() || address.port == 0)
-        return;
     long expected = kStatusIdle;
     computingStatus_.compare_exchange_strong(expected, kStatusComputing);
-
-    std::string host = address.host;
-    if (address.family == AF_INET6) {
-        {
-            std::lock_guard guard(mutex_);
-            setIsIPV6(true);
-        }
-        // A synthesised IPv6 source carries the probed IPv4 address in its last 32 bits.
-        if (auto v4 = ipaddress::convert2IPV4Address(host))
-            host = *v4;
+    if (decision.fromIPv6) {
+        std::lock_guard guard(mutex_);
+        setIsIPV6(true);
     }
-    std::string key = probe::constructKeyWithHost(host, address.port);
+    const double delay = decision.delay;
+    std::string key = probe::constructKeyWithHost(decision.host, decision.port);
     dataProcessQueue_.async([weak = weak_from_this(), generation, delay, key = std::move(key)] {
         if (auto self = weak.lock())
             self->recordDelay(generation, delay, key);

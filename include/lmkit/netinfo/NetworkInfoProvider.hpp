@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "lmkit/models/WiFiNetworkSSIDInfo.hpp"
 #include "lmkit/netinfo/CaptiveNetwork.hpp"
 #include "lmkit/netinfo/InterfaceNaming.hpp"
 #include "lmkit/netinfo/NetworkInterfaceInfo.hpp"
 #include "lmkit/netinfo/Reachability.hpp"
 #include "lmkit/netinfo/TelephonyNetworkInfo.hpp"
-#include "lmkit/models/WiFiNetworkSSIDInfo.hpp"
 #include "lmkit/platform/DispatchQueue.hpp"
 #include "lmkit/platform/InterfaceAddresses.hpp"
 
@@ -61,6 +61,11 @@ class NetworkInfoProvider {
 
     /// The process's provider, made on first use with the system's sources.
     static NetworkInfoProvider& sharedProvider();
+    /// Makes AccNode::ipForCurrentCarrierTypeCode read the shared provider's carrierTypeCode.
+    /// Done on first use of the shared provider and by every node selector, so that the
+    /// carrier's node addresses work wherever the network facts are linked in; later calls change
+    /// nothing. The shared provider itself is made only when a code is first asked for.
+    static void connectCarrierTypeCodeToNodes();
 
     /// A provider over the system's sources.
     NetworkInfoProvider();
