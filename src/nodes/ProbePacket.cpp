@@ -1,7 +1,11 @@
 #include "lmkit/nodes/ProbePacket.hpp"
 
+#include <sys/socket.h>
+
 #include <charconv>
 #include <cmath>
+
+#include "lmkit/netinfo/IPAddressString.hpp"
 
 namespace lmkit::probe {
 
@@ -140,6 +144,43 @@ ProbeReply parseProbeReply(const std::uint8_t* data, std::size_t size, std::stri
     reply.stamp = stamp;
     reply.status = ProbeReply::Status::Accepted;
     return reply;
+}
+
+ReplyDecision decideProbeReply(const std::uint8_t* data, std::size_t size, std::string_view prefix,
+                               double firstPacketTimeStamp, std::int64_t nowMilliseconds,
+                               const std::string& sourceHost, long sourcePort, int family) {
+    ReplyDecision decision;
+    auto reply = parseProbeReply(data, size, prefix);
+    decision.text = std::move(reply.text);
+    switch (reply.status) {
+        case ProbeReply::Status::Ignored:
+            return decision;
+        case ProbeReply::Status::InvalidPacket:
+            decision.action = ReplyDecision::Action::InvalidPacket;
+            return decision;
+        case ProbeReply::Status::InvalidTimestamp:
+            decision.action = ReplyDecision::Action::InvalidTimestamp;
+            return decision;
+        case ProbeReply::Status::Accepted:
+            break;
+    }
+    double delay = static_cast<double>(nowMilliseconds) - (reply.stamp + firstPacketTimeStamp);
+    // A negative delay is a stamp of a later run or a clock step; a stamp so large that the
+    // difference is no number at all is neither a delay.
+    if (!(delay >= 0) || !std::isfinite(delay))
+        return decision;
+    if (sourceHost.empty() || sourcePort == 0)
+        return decision;
+    decision.action = ReplyDecision::Action::Record;
+    decision.delay = delay;
+    decision.port = sourcePort;
+    decision.host = sourceHost;
+    if (family == AF_INET6) {
+        decision.fromIPv6 = true;
+        if (auto v4 = ipaddress::convert2IPV4Address(sourceHost))
+            decision.host = std::move(*v4);
+    }
+    return decision;
 }
 
 }  // namespace lmkit::probe

@@ -42,6 +42,31 @@ inline ProbeReply parseProbeReply(const std::vector<std::uint8_t>& data, std::st
     return parseProbeReply(data.data(), data.size(), prefix);
 }
 
+/// What a selector makes of one received datagram.
+struct ReplyDecision {
+    enum class Action {
+        Drop,              // silently: empty, not UTF-8, a stamp from later, or no source
+        InvalidPacket,     // logged as an invalid packet, then dropped
+        InvalidTimestamp,  // logged as an invalid stamp, then dropped
+        Record,            // `delay` counts under `host` and `port`
+    };
+    Action action = Action::Drop;
+    std::string text;       // the decoded payload, for the log lines
+    double delay = 0;       // milliseconds, for Record
+    std::string host;       // for Record: the source, or the IPv4 address a synthesised IPv6
+                            // source carries
+    long port = 0;          // for Record
+    bool fromIPv6 = false;  // for Record: the source is an IPv6 address
+};
+
+/// Judges a reply datagram that came from `sourceHost`:`sourcePort` (address `family`,
+/// AF_INET or AF_INET6) at `nowMilliseconds`, for a run whose probes carry `prefix` and count
+/// from `firstPacketTimeStamp`. The selector's receive path is this decision plus the run's
+/// bookkeeping.
+ReplyDecision decideProbeReply(const std::uint8_t* data, std::size_t size, std::string_view prefix,
+                               double firstPacketTimeStamp, std::int64_t nowMilliseconds,
+                               const std::string& sourceHost, long sourcePort, int family);
+
 /// True when `text` is non-empty and holds ASCII digits only.
 bool isAllDigits(std::string_view text);
 
