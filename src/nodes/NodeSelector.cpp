@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include <sys/socket.h>
 
@@ -933,6 +934,11 @@ bool NodeSelector::createUdpSocketIfHasError(std::optional<Error>* error) {
     } else if (type == kInterfaceCellular) {
         ok = socket->bindToPort(0, kCellularInterfaceName, &failure) &&
              socket->beginReceiving(&failure);
+        // The cellular address alone does not choose the way out here: a host sends from any of
+        // its addresses along the preferred route, usually Wi-Fi's. Pinning the socket to the
+        // interface sends the probes over cellular, which is what they are meant to measure.
+        if (ok)
+            pinToInterface(socket, kCellularInterfaceName);
     } else {
         // Wi-Fi is checked but not pinned: the default route already leaves through it.
         ok = socket->bindToPort(0, &failure) && socket->beginReceiving(&failure);
@@ -952,6 +958,18 @@ bool NodeSelector::createUdpSocketIfHasError(std::optional<Error>* error) {
     udpSocket_ = std::move(socket);
     socketEvents_ = std::move(events);
     return true;
+}
+
+void NodeSelector::pinToInterface(const std::shared_ptr<UdpSocket>& socket,
+                                  const std::string& interfaceName) {
+    socket->perform([&](int fd) {
+        if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, interfaceName.c_str(),
+                                 static_cast<socklen_t>(interfaceName.size())) != 0) {
+            // Without the right to pin, the probes still leave from the interface's address.
+            log::warning(fmt::format("[NodeSelector] cannot pin the probe socket to {}: {}",
+                                     interfaceName, std::strerror(errno)));
+        }
+    });
 }
 
 void NodeSelector::enlargeSocketSendBufferSize(const std::shared_ptr<UdpSocket>& socket) {

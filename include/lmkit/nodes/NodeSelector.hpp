@@ -153,6 +153,10 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     bool isInterfaceUp() const;
     /// Asks for a 128 KiB send buffer on `socket` (not part of the probing sequence).
     static void enlargeSocketSendBufferSize(const std::shared_ptr<UdpSocket>& socket);
+    /// Makes `socket` send through `interfaceName` whatever the routes prefer (a warning when the
+    /// system refuses).
+    static void pinToInterface(const std::shared_ptr<UdpSocket>& socket,
+                               const std::string& interfaceName);
     void closeUdpSocket();
     static bool isNoBufferSpaceAvailbaleError(const std::optional<Error>& error);
     /// Records one reply's delay under the probe key of `host` and `port` (on the data queue).
