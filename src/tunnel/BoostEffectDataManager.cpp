@@ -12,7 +12,7 @@ BoostEffectDataManager& BoostEffectDataManager::sharedManager() {
     return *manager;
 }
 
-std::shared_ptr<BoostEffectDataManager::Item> BoostEffectDataManager::startSpeedTest(
+std::shared_ptr<BoostEffectDataManager::Item> BoostEffectDataManager::startSpeedTestWithOption(
     const std::shared_ptr<const VPNSimpleStartOptions>& option, bool udpDualChannel,
     std::optional<Number> startTime, double sendTimeInterval, Item::StringRef proxyAddress,
     long proxyPort, Item::StringRef speedTestAddress, long speedTestPort,
@@ -42,27 +42,31 @@ std::shared_ptr<BoostEffectDataManager::Item> BoostEffectDataManager::itemWithGa
     return nullptr;
 }
 
-std::optional<double> BoostEffectDataManager::directServerDelay(const std::string& gameId) const {
+std::optional<double> BoostEffectDataManager::directServerDelayWithGameId(
+    const std::string& gameId) const {
     auto item = itemWithGameId(gameId);
     return item ? item->directDelay() : std::nullopt;
 }
 
-std::optional<double> BoostEffectDataManager::proxyServerDelay(const std::string& gameId) const {
+std::optional<double> BoostEffectDataManager::proxyServerDelayWithGameId(
+    const std::string& gameId) const {
     auto item = itemWithGameId(gameId);
     return item ? item->proxyDelay() : std::nullopt;
 }
 
-std::optional<double> BoostEffectDataManager::directServerLoss(const std::string& gameId) const {
+std::optional<double> BoostEffectDataManager::directServerLossWithGameId(
+    const std::string& gameId) const {
     auto item = itemWithGameId(gameId);
     return item ? item->directLoss() : std::nullopt;
 }
 
-std::optional<double> BoostEffectDataManager::proxyServerLoss(const std::string& gameId) const {
+std::optional<double> BoostEffectDataManager::proxyServerLossWithGameId(
+    const std::string& gameId) const {
     auto item = itemWithGameId(gameId);
     return item ? item->proxyLoss() : std::nullopt;
 }
 
-std::optional<std::vector<double>> BoostEffectDataManager::directServerDelays(
+std::optional<std::vector<double>> BoostEffectDataManager::directServerDelaysWithGameId(
     const std::string& gameId) const {
     auto item = itemWithGameId(gameId);
     if (!item)
@@ -70,7 +74,7 @@ std::optional<std::vector<double>> BoostEffectDataManager::directServerDelays(
     return item->directDelays().immutableArray();
 }
 
-std::optional<std::vector<double>> BoostEffectDataManager::proxyServerDelays(
+std::optional<std::vector<double>> BoostEffectDataManager::proxyServerDelaysWithGameId(
     const std::string& gameId) const {
     auto item = itemWithGameId(gameId);
     if (!item)
@@ -78,7 +82,7 @@ std::optional<std::vector<double>> BoostEffectDataManager::proxyServerDelays(
     return item->proxyDelays().immutableArray();
 }
 
-std::optional<std::vector<double>> BoostEffectDataManager::directServerDelays(
+std::optional<std::vector<double>> BoostEffectDataManager::directServerDelaysWithGameId(
     const std::string& gameId, long latestLimitCount) const {
     auto item = itemWithGameId(gameId);
     if (!item)
@@ -86,7 +90,7 @@ std::optional<std::vector<double>> BoostEffectDataManager::directServerDelays(
     return latest(item->directDelays(), latestLimitCount);
 }
 
-std::optional<std::vector<double>> BoostEffectDataManager::proxyServerDelays(
+std::optional<std::vector<double>> BoostEffectDataManager::proxyServerDelaysWithGameId(
     const std::string& gameId, long latestLimitCount) const {
     auto item = itemWithGameId(gameId);
     if (!item)
@@ -113,7 +117,7 @@ std::optional<std::vector<double>> BoostEffectDataManager::latest(
                                all.begin() + static_cast<std::ptrdiff_t>(first + k));
 }
 
-void BoostEffectDataManager::stop(const std::string& gameId) {
+void BoostEffectDataManager::stopWithGameId(const std::string& gameId) {
     std::optional<std::size_t> found;
     for (std::size_t i = 0; i < speedTestResults_.size(); ++i) {
         if (speedTestResults_[i]->game()->gid == gameId) {
@@ -126,15 +130,17 @@ void BoostEffectDataManager::stop(const std::string& gameId) {
         speedTestResults_.erase(speedTestResults_.begin() + static_cast<std::ptrdiff_t>(*found));
 }
 
-std::optional<BoostEffectDataManager::Item::PeriodRecord> BoostEffectDataManager::updateServer(
-    const std::string& remoteIP, unsigned remotePort, const std::string& proxyIP,
-    unsigned proxyPort, const std::optional<std::string>& directIP, std::optional<Number> rtt,
-    long packets, long bytes, const std::string& gameId) {
+std::optional<BoostEffectDataManager::Item::PeriodRecord>
+BoostEffectDataManager::updateServerWithRemoteIP(const std::string& remoteIP, unsigned remotePort,
+                                                 const std::string& proxyIP, unsigned proxyPort,
+                                                 const std::optional<std::string>& directIP,
+                                                 std::optional<Number> rtt, long packets,
+                                                 long bytes, const std::string& gameId) {
     auto item = itemWithGameId(gameId);
     if (!item)
         return std::nullopt;
-    return item->updateGameServer(remoteIP, remotePort, proxyIP, proxyPort, directIP,
-                                  std::move(rtt), packets, bytes);
+    return item->updateGameServerWithRemoteIP(remoteIP, remotePort, proxyIP, proxyPort, directIP,
+                                              std::move(rtt), packets, bytes);
 }
 
 }  // namespace lmkit

@@ -837,7 +837,8 @@ void BoostEffectGameResultItem::logDualChannel(const DualChannelOutcome& outcome
 
 // Traffic periods.
 
-std::optional<BoostEffectGameResultItem::PeriodRecord> BoostEffectGameResultItem::updateGameServer(
+std::optional<BoostEffectGameResultItem::PeriodRecord>
+BoostEffectGameResultItem::updateGameServerWithRemoteIP(
     const std::string& remoteIP, unsigned remotePort, const std::string& proxyIP,
     unsigned proxyPort, const std::optional<std::string>& directIP, std::optional<Number> rtt,
     long packets, long bytes) {

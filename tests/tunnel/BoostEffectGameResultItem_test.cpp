@@ -282,8 +282,8 @@ TEST_F(BoostEffectItemTest, DoubleLineHalvesMeetInEitherOrder) {
 
 TEST_F(BoostEffectItemTest, TrafficPeriodsSumOneKeyAndReportTheClosedPeriod) {
     auto item = doubleLine();
-    EXPECT_FALSE(item->updateGameServer("198.51.100.4", 9000, "10.0.0.2", 443, "198.51.100.4",
-                                        Number(25), 10, 1000));
+    EXPECT_FALSE(item->updateGameServerWithRemoteIP("198.51.100.4", 9000, "10.0.0.2", 443,
+                                                    "198.51.100.4", Number(25), 10, 1000));
     EXPECT_EQ(item->key(), "198.51.100.4:9000:10.0.0.2:443");
     EXPECT_TRUE(item->hasUpdatedProxyAddress());
     EXPECT_TRUE(item->needUpdateProxyAddress());
@@ -291,8 +291,8 @@ TEST_F(BoostEffectItemTest, TrafficPeriodsSumOneKeyAndReportTheClosedPeriod) {
     EXPECT_EQ(*item->speedTestAddress(), "198.51.100.4");
 
     // The same pair again: counted into the open period.
-    EXPECT_FALSE(item->updateGameServer("198.51.100.4", 9000, "10.0.0.2", 443, std::nullopt,
-                                        Number(35), 5, 500));
+    EXPECT_FALSE(item->updateGameServerWithRemoteIP("198.51.100.4", 9000, "10.0.0.2", 443,
+                                                    std::nullopt, Number(35), 5, 500));
     EXPECT_EQ(item->periodPackets(), 15);
     EXPECT_EQ(item->periodBytes(), 1500);
     EXPECT_EQ(item->rearDelay(), Number(35));
@@ -305,8 +305,8 @@ TEST_F(BoostEffectItemTest, TrafficPeriodsSumOneKeyAndReportTheClosedPeriod) {
     EXPECT_EQ(item->periodCount(), 2);
 
     log::Capture capture;
-    auto record =
-        item->updateGameServer("198.51.100.5", 9001, "10.0.0.3", 444, "", Number(12), 1, 64);
+    auto record = item->updateGameServerWithRemoteIP("198.51.100.5", 9001, "10.0.0.3", 444, "",
+                                                     Number(12), 1, 64);
     ASSERT_TRUE(record);
     EXPECT_EQ(record->size(), 15u);
     EXPECT_EQ((*record)["gid"], "g-1");
@@ -389,6 +389,8 @@ TEST_F(BoostEffectItemTest, MeasuresDirectAndRelayPathsAgainstEchoEndpoints) {
     // Delays are at least what the endpoints add; loopback adds little on top.
     const double directDelay = *item->directDelay();
     const double proxyDelay = *item->proxyDelay();
+    RecordProperty("directDelay", std::to_string(directDelay));
+    RecordProperty("proxyDelay", std::to_string(proxyDelay));
     EXPECT_GE(directDelay, kDirectMs - 1);
     EXPECT_LT(directDelay, kDirectMs + 60);
     EXPECT_GE(proxyDelay, kRelayMs + kRearMs - 1);

@@ -35,38 +35,37 @@ class BoostEffectDataManager {
     /// speed-test and proxy address to measure the relay alone. Without a game, a proxy
     /// address or a non-zero proxy port nothing is added: the refusal is logged and nullptr
     /// returned.
-    std::shared_ptr<Item> startSpeedTest(const std::shared_ptr<const VPNSimpleStartOptions>& option,
-                                         bool udpDualChannel, std::optional<Number> startTime,
-                                         double sendTimeInterval, Item::StringRef proxyAddress,
-                                         long proxyPort, Item::StringRef speedTestAddress,
-                                         long speedTestPort, std::optional<Number> rearDelay,
-                                         Item::Environment environment = {});
+    std::shared_ptr<Item> startSpeedTestWithOption(
+        const std::shared_ptr<const VPNSimpleStartOptions>& option, bool udpDualChannel,
+        std::optional<Number> startTime, double sendTimeInterval, Item::StringRef proxyAddress,
+        long proxyPort, Item::StringRef speedTestAddress, long speedTestPort,
+        std::optional<Number> rearDelay, Item::Environment environment = {});
 
-    std::optional<double> directServerDelay(const std::string& gameId) const;
-    std::optional<double> proxyServerDelay(const std::string& gameId) const;
-    std::optional<double> directServerLoss(const std::string& gameId) const;
-    std::optional<double> proxyServerLoss(const std::string& gameId) const;
+    std::optional<double> directServerDelayWithGameId(const std::string& gameId) const;
+    std::optional<double> proxyServerDelayWithGameId(const std::string& gameId) const;
+    std::optional<double> directServerLossWithGameId(const std::string& gameId) const;
+    std::optional<double> proxyServerLossWithGameId(const std::string& gameId) const;
 
     /// A copy of the item's samples; nil for an unknown game.
-    std::optional<std::vector<double>> directServerDelays(const std::string& gameId) const;
-    std::optional<std::vector<double>> proxyServerDelays(const std::string& gameId) const;
+    std::optional<std::vector<double>> directServerDelaysWithGameId(
+        const std::string& gameId) const;
+    std::optional<std::vector<double>> proxyServerDelaysWithGameId(const std::string& gameId) const;
     /// The newest `latestLimitCount` samples in stored order; nil for an unknown game, an empty
     /// list or a negative limit.
-    std::optional<std::vector<double>> directServerDelays(const std::string& gameId,
-                                                          long latestLimitCount) const;
-    std::optional<std::vector<double>> proxyServerDelays(const std::string& gameId,
-                                                         long latestLimitCount) const;
+    std::optional<std::vector<double>> directServerDelaysWithGameId(const std::string& gameId,
+                                                                    long latestLimitCount) const;
+    std::optional<std::vector<double>> proxyServerDelaysWithGameId(const std::string& gameId,
+                                                                   long latestLimitCount) const;
 
     /// Stops the first item of the game and removes it; nothing for an unknown game.
-    void stop(const std::string& gameId);
+    void stopWithGameId(const std::string& gameId);
 
     /// Hands a traffic report to the first item of the game; its finished period record, or nil
     /// (also for an unknown game).
-    std::optional<Item::PeriodRecord> updateServer(const std::string& remoteIP, unsigned remotePort,
-                                                   const std::string& proxyIP, unsigned proxyPort,
-                                                   const std::optional<std::string>& directIP,
-                                                   std::optional<Number> rtt, long packets,
-                                                   long bytes, const std::string& gameId);
+    std::optional<Item::PeriodRecord> updateServerWithRemoteIP(
+        const std::string& remoteIP, unsigned remotePort, const std::string& proxyIP,
+        unsigned proxyPort, const std::optional<std::string>& directIP, std::optional<Number> rtt,
+        long packets, long bytes, const std::string& gameId);
 
   private:
     std::shared_ptr<Item> itemWithGameId(const std::string& gameId) const;

@@ -178,11 +178,10 @@ class BoostEffectGameResultItem : public std::enable_shared_from_this<BoostEffec
     /// Feeds a traffic report of the tunnel. Returns the record of the period that a new
     /// relay/remote pair ends (15 keys), or nil when the pair is the current one or no period
     /// was open.
-    std::optional<PeriodRecord> updateGameServer(const std::string& remoteIP, unsigned remotePort,
-                                                 const std::string& proxyIP, unsigned proxyPort,
-                                                 const std::optional<std::string>& directIP,
-                                                 std::optional<Number> rtt, long packets,
-                                                 long bytes);
+    std::optional<PeriodRecord> updateGameServerWithRemoteIP(
+        const std::string& remoteIP, unsigned remotePort, const std::string& proxyIP,
+        unsigned proxyPort, const std::optional<std::string>& directIP, std::optional<Number> rtt,
+        long packets, long bytes);
 
     /// Reacts to the network kit's type-change notification.
     void handleNetworkChange(const Notification& notification);
