@@ -1,0 +1,180 @@
+// How close the single-node pinger and the proxy speed test come to the true delay: echo
+// endpoints (and a relay) on loopback hold every reply for a known time, and each figure is the
+// median over kTests of measured minus injected delay. Loopback adds tens of microseconds and
+// whole-millisecond stamps add up to one millisecond, so a sound measurement lands in
+// [0, 1.5] ms; a figure outside it means the kit adds delay of its own (or reports too little).
+//
+// Baseline, measured in the same run and interleaved with the kit's tests so that both see the
+// same machine: a plain blocking socket timing the same echo with the steady clock. On a busy
+// machine the echo thread itself wakes late from its injected delay; the baseline shows that
+// share, and "kit - baseline" is what the kit adds.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "lmkit/foundation/Log.hpp"
+#include "lmkit/nodes/ProxySpeedTest.hpp"
+#include "lmkit/nodes/SimplePinger.hpp"
+#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/platform/Socks5Relay.hpp"
+
+using namespace lmkit;
+
+namespace {
+
+constexpr int kTests = 50;
+constexpr double kLowest = 0.0;   // ms: a measurement may not undercut the injected delay
+constexpr double kHighest = 1.5;  // ms: stamp truncation (< 1 ms) plus loopback and scheduling
+constexpr std::uint32_t kToken = 4242;
+constexpr int kProxyPackets = 5;
+
+// Waits for one callback of a measurement.
+struct Waiter {
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::optional<double> value;
+    bool done = false;
+
+    void finish(std::optional<double> v) {
+        std::lock_guard guard(mutex);
+        value = v;
+        done = true;
+        cv.notify_all();
+    }
+    std::optional<double> wait() {
+        std::unique_lock lock(mutex);
+        cv.wait_for(lock, std::chrono::seconds(5), [&] { return done; });
+        return value;
+    }
+};
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    std::size_t n = values.size();
+    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+std::unique_ptr<EchoServer> echoWithDelay(double ms) {
+    EchoFaults faults;
+    faults.delaySeconds = ms / 1000;
+    return EchoServer::start({EchoEndpointConfig{"127.0.0.1", 0, faults}}, 1);
+}
+
+// One round trip through a plain blocking socket, in milliseconds; nullopt when lost.
+class PlainPing {
+  public:
+    explicit PlainPing(uint16_t port) {
+        fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
+        timeval wait{2, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+        to_.sin_family = AF_INET;
+        to_.sin_port = htons(port);
+        inet_pton(AF_INET, "127.0.0.1", &to_.sin_addr);
+    }
+    ~PlainPing() { ::close(fd_); }
+    std::optional<double> once() {
+        const char payload[] = "1731637946123";
+        auto start = std::chrono::steady_clock::now();
+        if (::sendto(fd_, payload, sizeof payload - 1, 0, reinterpret_cast<sockaddr*>(&to_),
+                     sizeof to_) < 0)
+            return std::nullopt;
+        char reply[64];
+        if (::recv(fd_, reply, sizeof reply, 0) < 0)
+            return std::nullopt;
+        return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+            .count();
+    }
+
+  private:
+    int fd_ = -1;
+    sockaddr_in to_{};
+};
+
+struct Errors {
+    std::vector<double> kit;
+    std::vector<double> baseline;
+};
+
+Errors pingerErrors(double injected) {
+    auto echo = echoWithDelay(injected);
+    auto port = echo->endpoints()[0].port;
+    auto pinger = SimplePinger::create(0, 2.0, SimplePingNode("127.0.0.1", port));
+    PlainPing plain(port);
+    Errors errors;
+    for (int i = 0; i < kTests; ++i) {
+        if (auto rtt = plain.once())
+            errors.baseline.push_back(*rtt - injected);
+        auto waiter = std::make_shared<Waiter>();
+        pinger->testPing([waiter](double delay) { waiter->finish(delay); },
+                         [waiter](const std::optional<Error>&) { waiter->finish(std::nullopt); });
+        if (auto delay = waiter->wait())
+            errors.kit.push_back(*delay - injected);
+    }
+    pinger->stop();
+    return errors;
+}
+
+Errors proxyErrors(double injected) {
+    auto echo = echoWithDelay(injected);
+    Socks5RelayConfig config;
+    config.token = kToken;
+    auto relay = Socks5Relay::start(config);
+    auto test = ProxySpeedTest::create(0, kProxyPackets, 0, "127.0.0.1", relay->endpoint().port,
+                                       std::to_string(kToken));
+    // The baseline goes straight to the echo: the relay's own hop counts against the kit.
+    PlainPing plain(echo->endpoints()[0].port);
+    Errors errors;
+    for (int i = 0; i < kTests; ++i) {
+        if (auto rtt = plain.once())
+            errors.baseline.push_back(*rtt - injected);
+        auto waiter = std::make_shared<Waiter>();
+        test->speedTestToTargetAddress(
+            "127.0.0.1", echo->endpoints()[0].port,
+            [waiter](double delay, double) { waiter->finish(delay); },
+            [waiter](const std::optional<Error>&) { waiter->finish(std::nullopt); });
+        if (auto delay = waiter->wait())
+            errors.kit.push_back(*delay - injected);
+    }
+    test->stop();
+    return errors;
+}
+
+bool report(const char* what, double injected, const Errors& errors) {
+    if (errors.kit.empty() || errors.baseline.empty()) {
+        std::printf("%-7s injected %5.1f ms: no measurement succeeded  FAIL\n", what, injected);
+        return false;
+    }
+    double kit = median(errors.kit);
+    double baseline = median(errors.baseline);
+    bool ok = kit >= kLowest && kit <= kHighest;
+    std::printf(
+        "%-7s injected %5.1f ms: median error %+.3f ms (baseline %+.3f ms, kit - baseline "
+        "%+.3f ms) over %zu tests  %s\n",
+        what, injected, kit, baseline, kit - baseline, errors.kit.size(),
+        ok ? "ok" : "OUT OF TARGET");
+    return ok;
+}
+
+}  // namespace
+
+int main() {
+    log::setFileLoggingEnabled(false);
+    std::printf("target: median of measured minus injected delay within [%.1f, %.1f] ms\n", kLowest,
+                kHighest);
+    bool ok = true;
+    for (double injected : {0.0, 20.0, 100.0}) {
+        ok &= report("pinger", injected, pingerErrors(injected));
+        ok &= report("proxy", injected, proxyErrors(injected));
+    }
+    return ok ? 0 : 1;
+}
