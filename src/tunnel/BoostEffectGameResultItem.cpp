@@ -7,11 +7,11 @@
 #include <fmt/format.h>
 
 #include "lmkit/foundation/Log.hpp"
-#include "lmkit/foundation/UserDefaults.hpp"
 #include "lmkit/netinfo/NetworkInfoProvider.hpp"
 #include "lmkit/netinfo/VPNNetworkStatusMonitor.hpp"
 #include "lmkit/platform/Clock.hpp"
 #include "lmkit/platform/DispatchTimerSource.hpp"
+#include "lmkit/settings/ObjectPropertyStore.hpp"
 #include "lmkit/tunnel/WormholeManager.hpp"
 #include "tunnel/SpeedTestRun.hpp"
 
@@ -19,8 +19,6 @@ namespace lmkit {
 
 namespace {
 
-// The user's dual-channel switch, as the app's settings store keeps it in the shared suite.
-constexpr const char* kDualChannelSettingKey = "ObjectPropertyStoreDualChannelKey_V1";
 constexpr int kWiFiKind = 1;
 constexpr int kCellularKind = 2;
 // A delay whose integer value reaches this is past the ceiling in the period statistics.
@@ -72,7 +70,7 @@ BoostEffectGameResultItem::Environment withDefaults(BoostEffectGameResultItem::E
     }
     if (!env.isDualChannelEnabled) {
         env.isDualChannelEnabled = [] {
-            auto value = UserDefaults::suite()->numberForKey(kDualChannelSettingKey);
+            auto value = ObjectPropertyStore::shared().dualChannel();
             return value && value->boolValue();
         };
     }

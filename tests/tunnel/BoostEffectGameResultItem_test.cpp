@@ -385,6 +385,9 @@ TEST_F(BoostEffectItemTest, MeasuresDirectAndRelayPathsAgainstEchoEndpoints) {
     ASSERT_TRUE(testing::waitFor(
         [&] { return item->directDelays().count() >= 2 && item->proxyDelays().count() >= 2; }, 20));
     item->stop();
+    // Answers already being handled hold the item for a moment; let them finish before the
+    // fake surroundings go away.
+    ASSERT_TRUE(testing::waitFor([&] { return item.use_count() == 1; }));
 
     // Delays are at least what the endpoints add; loopback adds little on top.
     const double directDelay = *item->directDelay();
