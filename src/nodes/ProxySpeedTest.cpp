@@ -57,9 +57,9 @@ class ProxySpeedTest::SocketEvents : public UdpSocketDelegate {
         if (auto owner = owner_.lock())
             owner->didReceiveData(data, address);
     }
-    void udpSocketDidClose(UdpSocket&, const std::optional<Error>& error) override {
+    void udpSocketDidClose(UdpSocket& socket, const std::optional<Error>& error) override {
         if (auto owner = owner_.lock())
-            owner->didClose(error);
+            owner->didClose(socket, error);
     }
 
   private:
@@ -607,9 +607,13 @@ bool ProxySpeedTest::isNoBufferSpaceAvailbaleError(const std::optional<Error>& e
     return error && error->code == ENOBUFS;
 }
 
-void ProxySpeedTest::didClose(const std::optional<Error>& error) {
+void ProxySpeedTest::didClose(UdpSocket& socket, const std::optional<Error>& error) {
     {
         std::lock_guard guard(mutex_);
+        // A socket that never became the test's own (it failed its set-up, or another start
+        // made one first) ends nothing.
+        if (udpSocket_.get() != &socket)
+            return;
         udpSocket_.reset();
         socketEvents_.reset();
     }

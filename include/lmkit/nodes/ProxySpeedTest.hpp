@@ -164,7 +164,7 @@ class ProxySpeedTest : public std::enable_shared_from_this<ProxySpeedTest> {
 
     // Socket events (socket delegate queue, one at a time).
     void didReceiveData(const std::vector<std::uint8_t>& data, const SocketAddress& address);
-    void didClose(const std::optional<Error>& error);
+    void didClose(UdpSocket& socket, const std::optional<Error>& error);
 
     const double timeInternvalOfPerPacket_;
     const std::int64_t sendPacketCount_;
