@@ -29,9 +29,14 @@ enum class WormholeTransitingType { CoordinatedFile = 1 };
 /// A reader thread waits on inotify for renames into the directory and calls the listener of
 /// the identifier, on the carrier's serial queue, with the file's bytes. A listener sees whole
 /// messages only, in sequence order; when messages arrive faster than it is called, older ones of
-/// an identifier are skipped in favour of the newest, never the other way round. Files whose
-/// names or contents do not fit are ignored. Messages written by this process reach its own
-/// listeners too.
+/// an identifier are skipped in favour of the newest, never the other way round. Different
+/// identifiers are delivered in the order their messages arrived. Files whose names or contents
+/// do not fit (hidden names, directories, links, more than 16 MiB) are ignored. Messages written
+/// by this process reach its own listeners too. A file written in place under a message name
+/// (not renamed into the directory) counts once it is closed.
+///
+/// Destroying the carrier stops its reader and its listeners; a listener call already running
+/// on the queue finishes.
 ///
 /// Operations never throw; a failed write returns false.
 class Wormhole {
