@@ -1,0 +1,86 @@
+// test-labels: slow system
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "support/TestSupport.hpp"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class DemoCommandTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (std::string(LMKIT_TOOL_PATH).empty())
+            GTEST_SKIP() << "the tool is not built";
+        fs::create_directories(dir_.path() / "tmp");
+    }
+    // The demo makes its scratch app group under TMPDIR: the test's own directory shows what
+    // it leaves behind.
+    std::string run(const std::string& args, int* status) {
+        std::string command = "TMPDIR='" + (dir_.path() / "tmp").string() + "' LMKIT_LOG_DIR='" +
+                              (dir_.path() / "logs").string() + "' LMKIT_APP_GROUP_DIR='" +
+                              (dir_.path() / "group").string() + "' '" + LMKIT_TOOL_PATH +
+                              "' demo " + args;
+        return lmkit::testing::runCommand(command, status);
+    }
+    lmkit::testing::TempDir dir_;
+};
+
+TEST_F(DemoCommandTest, JsonHasTheChoiceAndTheRoadThroughTheTunnel) {
+    int status = -1;
+    auto text = run("--json 2>" + (dir_.path() / "stderr").string(), &status);
+    ASSERT_EQ(status, 0) << text;
+    auto out = nlohmann::json::parse(text);  // one document, nothing else on standard output
+
+    ASSERT_EQ(out["nodes"].size(), 40u);
+    ASSERT_FALSE(out["chosen"].empty());
+    const auto& road = out["road"];
+    EXPECT_EQ(road["options"]["keys"], 46);
+    EXPECT_EQ(road["options"]["nodes"], out["chosen"]);
+    EXPECT_GT(road["options"]["bytes"].get<int>(), 1000);
+
+    // The tunnel measured the chosen node's echo as the relay, the game server as the direct
+    // path, and answered with samples of both.
+    const std::string relay = road["relay"];
+    EXPECT_EQ(relay.rfind("127.0.0.", 0), 0u) << relay;
+    EXPECT_EQ(road["game_server"].get<std::string>().rfind("127.0.0.200:", 0), 0u);
+    ASSERT_FALSE(road["direct_delays"].empty());
+    ASSERT_FALSE(road["relay_delays"].empty());
+    const double direct = road["direct_delay"];
+    const double relayed = road["relay_delay"];
+    // 90 ms injected on the game server; the best relay is far nearer even with its 15 ms.
+    EXPECT_GE(direct, 85.0);
+    EXPECT_LT(direct, 400.0);
+    EXPECT_GE(relayed, 15.0);
+    EXPECT_LT(relayed, direct);
+    EXPECT_DOUBLE_EQ(road["benefit"].get<double>(), direct - relayed);
+
+    // The tunnel stopped when asked (not killed), was reaped, and its app group removed.
+    EXPECT_EQ(road["tunnel_exit_status"], 0);
+    EXPECT_TRUE(fs::is_empty(dir_.path() / "tmp"));
+    EXPECT_FALSE(fs::exists(dir_.path() / "group" / "Wormhole"));
+}
+
+TEST_F(DemoCommandTest, TunnelSideWithoutStartOptionsIsAFailure) {
+    // The hidden tunnel half refuses a directory without start options and says why on the
+    // channel rather than measuring nothing.
+    int status = -1;
+    fs::create_directories(dir_.path() / "group");
+    run("--tunnel-side '" + (dir_.path() / "group").string() +
+            "' --game-server 127.0.0.200:9 >/dev/null 2>&1",
+        &status);
+    EXPECT_EQ(status, 1);
+    bool reported = false;
+    for (const auto& entry : fs::directory_iterator(dir_.path() / "group" / "Wormhole"))
+        reported |= entry.path().filename().string().rfind("WormholeCmdTunnel.", 0) == 0;
+    EXPECT_TRUE(reported);
+
+    auto help = run("--help", &status);
+    EXPECT_EQ(help.find("tunnel-side"), std::string::npos) << help;
+}
+
+}  // namespace
