@@ -190,6 +190,7 @@ struct RunResult {
     std::vector<double> minErrorsMs;
     long groups = 0;
     double interval = 0;
+    double lastGroupMaxDelayMs = 0;  // the slowest measured reply among the last group's servers
 };
 
 // One Best Node run over the first `servers` endpoints, with the selector's own pacing and
@@ -256,6 +257,13 @@ RunResult runSelection(EchoChild& echoes, uint16_t port, int servers, int pollMi
     result.rcvbufErrors = rcvbufErrors() - bufferErrors;
     result.groups = selector->sendPacketGroupCount();
     result.interval = selector->sendGroupPacketInternval();
+    // The last group holds the last probes of the round-robin: indices from (groups - 1) x G on.
+    const long perGroup =
+        std::min<long>((total + result.groups - 1) / std::max(1L, result.groups), servers);
+    for (long i = std::max(0L, total - perGroup); i < total; ++i) {
+        const auto& node = *nodes[static_cast<size_t>(i % servers)];
+        result.lastGroupMaxDelayMs = std::max(result.lastGroupMaxDelayMs, node.maxDelay);
+    }
     for (int i = 0; i < servers; ++i) {
         const auto& node = *nodes[static_cast<size_t>(i)];
         result.repliesCounted += std::lround((1 - node.loss) * kProbes);
@@ -347,6 +355,10 @@ int main() {
             "  last group sent at %.1f ms, report at %.1f ms: %.2f ms after the last "
             "group + %.0f ms\n",
             r.lastSendMs, r.toReportMs, overhead, kLargestInjectedMs);
+        std::printf(
+            "  report %.2f ms after the last group's slowest measured reply (%.0f ms): the "
+            "kit's own part\n",
+            r.toReportMs - (r.lastSendMs + r.lastGroupMaxDelayMs), r.lastGroupMaxDelayMs);
         printErrors(r);
         target("report - (last group + largest injected delay) <= 5 ms",
                r.reported && overhead <= 5);
