@@ -38,13 +38,21 @@ Rates compare(int operations, const std::function<void(int)>& ours,
     constexpr int kRounds = 10;
     int perRound = std::max(1, operations / kRounds);
     std::chrono::duration<double> oursTime{0}, rawTime{0};
-    for (int round = 0; round < kRounds; ++round) {
+    auto timed = [](const std::function<void(int)>& work, int n) {
         auto start = std::chrono::steady_clock::now();
-        ours(perRound);
-        auto middle = std::chrono::steady_clock::now();
-        raw(perRound);
-        rawTime += std::chrono::steady_clock::now() - middle;
-        oursTime += middle - start;
+        work(n);
+        return std::chrono::steady_clock::now() - start;
+    };
+    // Each side goes first in half of the rounds: a flush pays for whatever the disk still holds
+    // from the step before it, and that must not always fall on the same side.
+    for (int round = 0; round < kRounds; ++round) {
+        if (round % 2 == 0) {
+            oursTime += timed(ours, perRound);
+            rawTime += timed(raw, perRound);
+        } else {
+            rawTime += timed(raw, perRound);
+            oursTime += timed(ours, perRound);
+        }
     }
     return {perRound * kRounds / oursTime.count(), perRound * kRounds / rawTime.count()};
 }
@@ -168,8 +176,10 @@ int main(int argc, char** argv) {
                 defaults->setObject(i, key);
         },
         [&](int n) {
+            // The same changing integers as ours: an upsert of an identical row leaves the page
+            // clean, so the commit writes no WAL frame at all and is several times cheaper.
             for (int i = 0; i < n; ++i)
-                raw.write(key, blob);
+                raw.writeInteger(key, i);
         });
     auto plainReads = compare(
         count * 20,
