@@ -1,18 +1,25 @@
 // lmkit settings: read and change the settings suite that the app and the tunnel share.
 #include <cstdio>
+#include <functional>
+#include <map>
 #include <string>
+#include <vector>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "Command.hpp"
 #include "lmkit/foundation/UserDefaults.hpp"
+#include "lmkit/settings/DeviceInfoProvider.hpp"
+#include "lmkit/settings/ENV.hpp"
+#include "lmkit/settings/ObjectPropertyStore.hpp"
+#include "lmkit/settings/PropertyStore.hpp"
 
 namespace lmkit::tool {
 namespace {
 
 struct SettingsOptions {
-    std::string suite = kAppGroupIdentifier;
+    std::string suite = ENV::appGroup();
     std::string key;
     std::string value;
     std::string type = "string";
@@ -27,14 +34,52 @@ std::shared_ptr<UserDefaults> openSuite(const std::string& suite) {
     return defaults;
 }
 
+// The device identifier the public address is sealed with, when this device has one (reading
+// never makes one).
+std::optional<std::string> storedDeviceID() {
+    return DeviceInfoProvider::sharedProvider().keychain()->stringForKey(
+        DeviceInfoProvider::kDeviceIDKey);
+}
+
+// The settings the two stores keep, by key.
+std::optional<SettingKey> knownSetting(const std::shared_ptr<UserDefaults>& defaults,
+                                       const std::string& key) {
+    PropertyStore store(defaults, [] { return std::string(); });
+    for (const auto& setting : store.keys())
+        if (setting.key == key)
+            return setting;
+    for (const auto& setting : ObjectPropertyStore::keys())
+        if (setting.key == key ||
+            (setting.property == "leaderboardsJSON" && key.rfind(setting.key + "_", 0) == 0))
+            return setting;
+    return std::nullopt;
+}
+
 // How a stored value reads for a person: AppDefault data shows its wrapped value, record data its
-// JSON dictionary, other data its size.
+// JSON dictionary, a keyed archive the dictionary inside, the sealed public address its record,
+// other data its size.
 struct Shown {
     nlohmann::ordered_json value;
-    std::string form;  // "value", "wrapped", "record" or "data"
+    std::string form;  // "value", "wrapped", "record", "archive", "encrypted" or "data"
+    std::string type;  // the archived record's type
+
+    Shown(nlohmann::ordered_json value, std::string form, std::string type = {})
+        : value(std::move(value)), form(std::move(form)), type(std::move(type)) {}
 };
 
-Shown show(const DefaultsValue& stored) {
+Shown show(const std::shared_ptr<UserDefaults>& defaults, const std::string& key,
+           const DefaultsValue& stored) {
+    auto setting = knownSetting(defaults, key);
+    if (setting && setting->form == SettingForm::Encrypted && stored.is_string()) {
+        auto deviceID = storedDeviceID();
+        auto ip =
+            deviceID ? PropertyStore(defaults, [&] { return *deviceID; }).publicIP() : std::nullopt;
+        if (ip)
+            return {ip->toJson(), "encrypted"};
+        return {fmt::format("<sealed, {} characters, not readable on this device>",
+                            stored.get_ref<const std::string&>().size()),
+                "encrypted"};
+    }
     if (!stored.is_binary())
         return {stored, "value"};
     const auto& bytes = stored.get_binary();
@@ -42,9 +87,50 @@ Shown show(const DefaultsValue& stored) {
     if (!json.is_discarded() && json.is_object()) {
         if (json.size() == 1 && json.contains("wrapped"))
             return {json["wrapped"], "wrapped"};
+        if (json.size() == 2 && json.contains("class") && json["class"].is_string() &&
+            json.contains("root") && json["root"].is_object())
+            return {json["root"], "archive", json["class"].get<std::string>()};
         return {json, "record"};
     }
     return {fmt::format("<{} bytes>", bytes.size()), "data"};
+}
+
+// Whether a value fits a wrapped setting's type: nil when it does, else why not.
+using Checker = std::function<std::optional<std::string>(const DefaultsValue&)>;
+
+template <class T>
+Checker checker(const AppDefault<T>&) {
+    return [](const DefaultsValue& value) -> std::optional<std::string> {
+        try {
+            (void)value.template get<T>();
+            return std::nullopt;
+        } catch (const std::exception& e) {
+            return std::string(e.what());
+        }
+    };
+}
+
+Checker wrappedChecker(const std::shared_ptr<UserDefaults>& defaults, const std::string& property) {
+    PropertyStore s(defaults, [] { return std::string(); });
+    const std::map<std::string, Checker> checks{
+        {"appsFlyerCampaign", checker(s.appsFlyerCampaign)},
+        {"appsFlyerID", checker(s.appsFlyerID)},
+        {"lastPing", checker(s.lastPing)},
+        {"boostTimesWithoutDualChannelAlert", checker(s.boostTimesWithoutDualChannelAlert)},
+        {"dualChannelAlertShowTimeStamp", checker(s.dualChannelAlertShowTimeStamp)},
+        {"boostTimesWithoutCheckList", checker(s.boostTimesWithoutCheckList)},
+        {"checkListAlertShowTimeStamp", checker(s.checkListAlertShowTimeStamp)},
+        {"latestBoostValues", checker(s.latestBoostValues)},
+        {"hasUpdatedDualChannel", checker(s.hasUpdatedDualChannel)},
+        {"splashScreenConfigContainer", checker(s.splashScreenConfigContainer)},
+        {"splashScreenTimesMap", checker(s.splashScreenTimesMap)},
+        {"localHostsMap", checker(s.localHostsMap)},
+        {"distinctID", checker(s.distinctID)},
+        {"showCMPAlert", checker(s.showCMPAlert)},
+        {"timeZoneOffset", checker(s.timeZoneOffset)},
+    };
+    auto found = checks.find(property);
+    return found != checks.end() ? found->second : Checker();
 }
 
 DefaultsValue parseValue(const SettingsOptions& options) {
@@ -81,22 +167,106 @@ DefaultsValue parseValue(const SettingsOptions& options) {
     }
     if (value.is_null())
         throw Failure("null is not a setting value; use delete");
-    if (options.wrap) {
-        std::string wrapped = nlohmann::ordered_json{{"wrapped", value}}.dump();
-        return UserDefaults::makeData(wrapped);
-    }
     return value;
 }
 
-void printEntry(const std::string& key, const DefaultsValue& stored, bool json) {
-    auto shown = show(stored);
-    if (json) {
-        std::puts(nlohmann::ordered_json{{"key", key}, {"form", shown.form}, {"value", shown.value}}
-                      .dump()
-                      .c_str());
-    } else {
-        std::printf("%-48s %-8s %s\n", key.c_str(), shown.form.c_str(), shown.value.dump().c_str());
+DefaultsValue wrapped(const DefaultsValue& value) {
+    return UserDefaults::makeData(nlohmann::ordered_json{{"wrapped", value}}.dump());
+}
+
+// The value for a wrapped setting of the stores, which must fit the setting's type. Without
+// --type the text is read as JSON when it fits that way, else as a string.
+DefaultsValue wrappedSettingValue(const std::shared_ptr<UserDefaults>& defaults,
+                                  const SettingKey& setting, SettingsOptions options,
+                                  bool typeGiven) {
+    auto check = wrappedChecker(defaults, setting.property);
+    std::vector<std::string> types{options.type};
+    if (!typeGiven)
+        types = {"json", "string"};
+    std::string why;
+    for (const auto& type : types) {
+        options.type = type;
+        DefaultsValue value;
+        try {
+            value = parseValue(options);
+        } catch (const Failure& failure) {
+            why = failure.what();
+            continue;
+        }
+        auto problem = check ? check(value) : std::nullopt;
+        if (!problem)
+            return wrapped(value);
+        why = *problem;
     }
+    throw Failure("\"" + options.value + "\" is not a valid " + setting.property + ": " + why);
+}
+
+void printEntry(const std::shared_ptr<UserDefaults>& defaults, const std::string& key,
+                const DefaultsValue& stored, bool json) {
+    auto shown = show(defaults, key, stored);
+    auto setting = knownSetting(defaults, key);
+    if (json) {
+        nlohmann::ordered_json entry{{"key", key}};
+        if (setting)
+            entry["property"] = setting->property;
+        entry["form"] = shown.form;
+        if (!shown.type.empty())
+            entry["class"] = shown.type;
+        entry["value"] = shown.value;
+        std::puts(entry.dump().c_str());
+    } else {
+        std::string form = shown.type.empty() ? shown.form : shown.form + ":" + shown.type;
+        std::printf("%-48s %-8s %s\n", key.c_str(), form.c_str(), shown.value.dump().c_str());
+    }
+}
+
+// Stores a record setting given as its JSON dictionary in the form its store keeps it, after
+// checking that the dictionary makes a record of the setting's type.
+void storeRecord(const std::shared_ptr<UserDefaults>& defaults, const SettingKey& setting,
+                 const DefaultsValue& json) {
+    auto decoded = [&]<class R>(std::shared_ptr<R> record, const char* type, const Error& error) {
+        if (!record)
+            throw Failure("\"" + json.dump() + "\" is not a valid " + type + ": " +
+                          error.localizedDescription());
+        return record;
+    };
+    Error error;
+    auto as = [&]<class R>(const char* type) {
+        return decoded(JSONAdapter::modelOfClass<R>(json, &error), type, error);
+    };
+    const std::string& name = setting.property;
+    if (name == "publicIP") {
+        auto ip = PublicIP::fromJson(json, &error);
+        if (!ip)
+            throw Failure("\"" + json.dump() +
+                          "\" is not a valid PublicIP: " + error.localizedDescription());
+        PropertyStore(defaults, [] {
+            return DeviceInfoProvider::sharedProvider().deviceID();
+        }).setPublicIP(ip);
+        return;
+    }
+    PropertyStore store(defaults, [] { return std::string(); });
+    ObjectPropertyStore objects(defaults);
+    if (name == "apiHost") {
+        store.apiHost.set(as.operator()<APIHost>("APIHost"));
+    } else if (name == "currentSplashScreenConfig") {
+        store.currentSplashScreenConfig.set(
+            as.operator()<SplashScreenConfig>("SplashScreenConfig"));
+    } else if (name == "startupConfig") {
+        objects.setStartupConfig(as.operator()<StartupConfig>("StartupConfig"));
+    } else if (name == "configAPIResponse") {
+        objects.setConfigAPIResponse(
+            as.operator()<ConfigAPIResponseObject>("ConfigAPIResponseObject"));
+    } else if (name == "accConfig") {
+        objects.setAccConfig(as.operator()<AccConfig>("AccConfig"));
+    } else if (name == "lastAcceleratedGame") {
+        objects.setLastAcceleratedGame(as.operator()<Game>("Game"));
+    } else if (name == "openAppAlertInfo") {
+        objects.setOpenAppAlertInfo(as.operator()<OpenAppAlertInfo>("OpenAppAlertInfo"));
+    } else {
+        throw Failure("\"" + setting.key + "\" holds a record the tool cannot write");
+    }
+    defaultsWriteQueue().sync([] {});
 }
 
 Command settings(
@@ -114,7 +284,8 @@ Command settings(
         set->add_option("--type", options->type, "Value type")
             ->check(CLI::IsMember({"int", "double", "bool", "string", "json"}));
         set->add_flag("--wrap", options->wrap,
-                      "Store as an AppDefault does ({\"wrapped\": value})");
+                      "Store as an AppDefault does ({\"wrapped\": value}); automatic for the "
+                      "stores' wrapped settings, whose records are given as JSON");
         auto* remove = app.add_subcommand("delete", "Remove a key");
         remove->add_option("KEY", options->key)->required();
         for (auto* sub : {list, get, set, remove}) {
@@ -129,11 +300,11 @@ Command settings(
                 if (common.json) {
                     nlohmann::ordered_json out = nlohmann::ordered_json::object();
                     for (auto& [key, stored] : all.items())
-                        out[key] = show(stored).value;
+                        out[key] = show(defaults, key, stored).value;
                     std::puts(out.dump(2).c_str());
                 } else {
                     for (auto& [key, stored] : all.items())
-                        printEntry(key, stored, false);
+                        printEntry(defaults, key, stored, false);
                 }
                 return 0;
             }
@@ -141,12 +312,29 @@ Command settings(
                 auto stored = defaults->objectForKey(options->key);
                 if (!stored)
                     throw Failure("no value under \"" + options->key + "\"");
-                printEntry(options->key, *stored, common.json);
+                printEntry(defaults, options->key, *stored, common.json);
                 return 0;
             }
             if (set->parsed()) {
-                if (!defaults->setObject(parseValue(*options), options->key) ||
-                    !defaults->synchronize())
+                // A setting of the stores is written in the form its store reads.
+                auto setting = knownSetting(defaults, options->key);
+                if (setting && (setting->form == SettingForm::Record ||
+                                setting->form == SettingForm::Archive ||
+                                setting->form == SettingForm::Encrypted)) {
+                    options->type = "json";
+                    storeRecord(defaults, *setting, parseValue(*options));
+                    return 0;
+                }
+                DefaultsValue value;
+                if (setting && setting->form == SettingForm::Wrapped) {
+                    value =
+                        wrappedSettingValue(defaults, *setting, *options, set->count("--type") > 0);
+                } else {
+                    value = parseValue(*options);
+                    if (options->wrap)
+                        value = wrapped(value);
+                }
+                if (!defaults->setObject(value, options->key) || !defaults->synchronize())
                     throw Failure("cannot write \"" + options->key + "\" to " +
                                   defaults->path().string());
                 return 0;
