@@ -93,6 +93,32 @@ BoostEffectEnvironment loopbackEnvironment(const std::shared_ptr<WormholeManager
 
 // ---- app side ----------------------------------------------------------------------------
 
+volatile std::sig_atomic_t gInterrupted = 0;
+
+// While the road runs, Ctrl-C or a stop request ends it through the failure path, so that the
+// tunnel is stopped and reaped and the scratch directory removed.
+class InterruptWatch {
+  public:
+    InterruptWatch() {
+        gInterrupted = 0;
+        struct sigaction action {};
+        action.sa_handler = [](int) { gInterrupted = 1; };
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGINT, &action, &previousInt_);
+        sigaction(SIGTERM, &action, &previousTerm_);
+    }
+    ~InterruptWatch() {
+        sigaction(SIGINT, &previousInt_, nullptr);
+        sigaction(SIGTERM, &previousTerm_, nullptr);
+    }
+    InterruptWatch(const InterruptWatch&) = delete;
+    InterruptWatch& operator=(const InterruptWatch&) = delete;
+
+  private:
+    struct sigaction previousInt_ {};
+    struct sigaction previousTerm_ {};
+};
+
 // The scratch app-group directory, removed with everything in it.
 class ScratchDirectory {
   public:
@@ -304,6 +330,7 @@ DemoRoadResult runDemoRoad(const DemoRoadRequest& request) {
         if (request.progress)
             request.progress(line);
     };
+    InterruptWatch interrupts;
     ScratchDirectory group;
     writeOutput((group.path() / kStartOptionsFile).string(),
                 Data(request.startOptionsText.begin(), request.startOptionsText.end()));
@@ -332,30 +359,31 @@ DemoRoadResult runDemoRoad(const DemoRoadRequest& request) {
     TunnelProcess tunnel(group.path(), gameServer);
     progress(fmt::format("tunnel started (pid {}) in {}", tunnel.pid(), group.path().string()));
 
-    // Until the tunnel says it measures, or fails, or ends.
-    const double deadline = Clock::nowMilliseconds() + kStartWaitSeconds * 1000;
-    bool measuring = false;
-    while (!measuring) {
-        measuring =
-            news->waitFor(0.1, [&] { return !news->status.empty() || !news->error.empty(); });
-        {
-            std::lock_guard lock(news->mutex);
-            if (!news->error.empty())
-                throw Failure("tunnel: " + news->error);
+    // Waits up to `seconds` for `ready` (checked under the news lock); an interruption or a
+    // tunnel that ended ends the wait with a failure, which stops everything in order.
+    auto await = [&](double seconds, auto ready) {
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (news->waitFor(0.1, ready))
+                return true;
+            if (gInterrupted)
+                throw Failure("interrupted");
+            if (auto status = tunnel.exited())
+                throw Failure(fmt::format("the tunnel ended early (exit status {})", *status));
         }
-        if (measuring)
-            break;
-        if (auto status = tunnel.exited())
-            throw Failure(
-                fmt::format("the tunnel ended before measuring (exit status {})", *status));
-        if (Clock::nowMilliseconds() > deadline)
-            throw Failure(
-                fmt::format("the tunnel did not start measuring within {} s", kStartWaitSeconds));
+        return false;
+    };
+    if (!await(kStartWaitSeconds, [&] { return !news->status.empty() || !news->error.empty(); }))
+        throw Failure(
+            fmt::format("the tunnel did not start measuring within {} s", kStartWaitSeconds));
+    {
+        std::lock_guard lock(news->mutex);
+        if (!news->error.empty())
+            throw Failure("tunnel: " + news->error);
     }
     progress(fmt::format("tunnel measuring for {} s", request.measureSeconds));
-    std::this_thread::sleep_for(std::chrono::duration<double>(request.measureSeconds));
-    if (auto status = tunnel.exited())
-        throw Failure(fmt::format("the tunnel ended while measuring (exit status {})", *status));
+    await(request.measureSeconds, [] { return false; });
 
     manager->passMessageForDelayQuery(
         VPNMessageDelayQuery(request.gid, Number(request.latestLimitCount)),
@@ -364,7 +392,7 @@ DemoRoadResult runDemoRoad(const DemoRoadRequest& request) {
             news->answer = std::move(response);
             news->changed.notify_all();
         });
-    if (!news->waitFor(kAnswerWaitSeconds, [&] { return news->answer != nullptr; }))
+    if (!await(kAnswerWaitSeconds, [&] { return news->answer != nullptr; }))
         throw Failure(
             fmt::format("no delay answer from the tunnel within {} s", kAnswerWaitSeconds));
 
