@@ -1,5 +1,7 @@
 // lmkit ping: measure one UDP echo endpoint the way ping(8) measures a host, one timestamp
 // datagram per round, and summarise delay, deviation and loss.
+#include <arpa/inet.h>
+
 #include <cmath>
 #include <condition_variable>
 #include <cstdio>
@@ -52,6 +54,9 @@ SimplePingNode parseTarget(const std::string& text) {
     }
     if (host.empty())
         throw Failure("bad target \"" + text + "\": no host");
+    in6_addr v6{};
+    if (host.find(':') != std::string::npos && inet_pton(AF_INET6, host.c_str(), &v6) != 1)
+        throw Failure("bad target \"" + text + "\": expected HOST[:PORT] or [IPv6]:PORT");
     return SimplePingNode(host, port);
 }
 

@@ -1,0 +1,100 @@
+#include <algorithm>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/platform/Socks5Relay.hpp"
+#include "support/TestSupport.hpp"
+
+using namespace lmkit;
+
+namespace {
+
+class PingCommandsTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (std::string(LMKIT_TOOL_PATH).empty())
+            GTEST_SKIP() << "the tool is not built";
+        echo_ = EchoServer::start({EchoEndpointConfig{"127.0.0.1", 0, {}}});
+        ASSERT_TRUE(echo_);
+        echoPort_ = std::to_string(echo_->endpoints()[0].port);
+    }
+    std::string run(const std::string& args, int* status) {
+        std::string command = "LMKIT_LOG_DIR='" + (dir_.path() / "logs").string() +
+                              "' LMKIT_APP_GROUP_DIR='" + (dir_.path() / "group").string() + "' '" +
+                              LMKIT_TOOL_PATH + "' " + args + " 2>&1";
+        return lmkit::testing::runCommand(command, status);
+    }
+    lmkit::testing::TempDir dir_;
+    std::unique_ptr<EchoServer> echo_;
+    std::string echoPort_;
+};
+
+}  // namespace
+
+TEST_F(PingCommandsTest, PingPrintsEachReplyAndASummary) {
+    int status = -1;
+    auto out = run("ping 127.0.0.1:" + echoPort_ + " -c 3 -i 0", &status);
+    ASSERT_EQ(status, 0) << out;
+    EXPECT_NE(out.find("seq=0 time="), std::string::npos) << out;
+    EXPECT_NE(out.find("seq=2 time="), std::string::npos) << out;
+    EXPECT_NE(out.find("3 sent, 3 received, 0.0% loss"), std::string::npos) << out;
+    EXPECT_NE(out.find("min/avg/max/deviation = "), std::string::npos) << out;
+
+    auto json =
+        nlohmann::json::parse(run("ping 127.0.0.1:" + echoPort_ + " -c 2 -i 0 --json", &status));
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(json["received"], 2);
+    EXPECT_EQ(json["rounds"].size(), 2u);
+}
+
+TEST_F(PingCommandsTest, FailuresAreOneLineWithDomainAndCode) {
+    int status = -1;
+    auto out = run("ping 127.0.0.1:70000", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(out.find("the port must be 1 to 65535"), std::string::npos) << out;
+
+    // Nobody answers on the relay's port once it is stopped.
+    Socks5RelayConfig config;
+    auto silent = Socks5Relay::start(config);
+    ASSERT_TRUE(silent);
+    auto deadPort = std::to_string(silent->endpoint().port);
+    silent.reset();
+    out = run("ping 127.0.0.1:" + deadPort + " -c 1 --timeout 0.2", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(out.find("NodeSelectorErrorDomain 2"), std::string::npos) << out;
+
+    out = run("ping 127.0.0.1:" + echoPort_ + " --interface cellular", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(out.find("NodeSelectorErrorDomain 1"), std::string::npos) << out;
+
+    out = run("proxy-test --proxy 127.0.0.1:" + deadPort +
+                  " --token 1 --target 127.0.0.1:" + echoPort_ + " --count 2",
+              &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(out.find("ProxySpeedTestErrorDomain 2"), std::string::npos) << out;
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+
+    out = run("proxy-test --proxy 127.0.0.1:1080 --token 1 --target localhost:9", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(out.find("IPv4"), std::string::npos) << out;
+}
+
+TEST_F(PingCommandsTest, ProxyTestMeasuresThroughTheRelay) {
+    Socks5RelayConfig config;
+    config.token = 99;
+    auto relay = Socks5Relay::start(config);
+    ASSERT_TRUE(relay);
+    int status = -1;
+    std::string proxy = "127.0.0.1:" + std::to_string(relay->endpoint().port);
+    auto json = nlohmann::json::parse(run("proxy-test --proxy " + proxy +
+                                              " --token 99 --target 127.0.0.1:" + echoPort_ +
+                                              " --count 4 --interval 0.1 --json",
+                                          &status));
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(json["loss"], 0);
+    EXPECT_GT(json["avg_ms"].get<double>(), 0);
+    EXPECT_EQ(relay->requestsForwarded(), 4u);
+}
