@@ -1,10 +1,12 @@
 // test-labels: slow system
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "lmkit/tunnel/WormholeManager.hpp"
 #include "support/TestSupport.hpp"
 
 namespace fs = std::filesystem;
@@ -65,21 +67,35 @@ TEST_F(DemoCommandTest, JsonHasTheChoiceAndTheRoadThroughTheTunnel) {
     EXPECT_FALSE(fs::exists(dir_.path() / "group" / "Wormhole"));
 }
 
-TEST_F(DemoCommandTest, TunnelSideWithoutStartOptionsIsAFailure) {
-    // The hidden tunnel half refuses a directory without start options and says why on the
-    // channel rather than measuring nothing.
+TEST_F(DemoCommandTest, TunnelSideRefusesBadStartOptionsAndSaysWhyOnTheChannel) {
+    // The hidden tunnel half measures nothing without usable start options: it tells the app
+    // through the channel's tunnel status, and ends with 1.
+    const fs::path group = dir_.path() / "group";
+    fs::create_directories(group);
+    auto tunnelError = [&] {
+        auto status =
+            lmkit::WormholeManager::create(group)->messageWithCmd(lmkit::kWormholeCmdTunnel);
+        return status ? status->root.value(lmkit::kWormholeTunnelErrorKey, "") : "";
+    };
+    const std::string tunnel = "--tunnel-side '" + group.string() + "' --game-server ";
     int status = -1;
-    fs::create_directories(dir_.path() / "group");
-    run("--tunnel-side '" + (dir_.path() / "group").string() +
-            "' --game-server 127.0.0.200:9 >/dev/null 2>&1",
-        &status);
+    auto out = run(tunnel + "127.0.0.200:9 2>&1", &status);
     EXPECT_EQ(status, 1);
-    bool reported = false;
-    for (const auto& entry : fs::directory_iterator(dir_.path() / "group" / "Wormhole"))
-        reported |= entry.path().filename().string().rfind("WormholeCmdTunnel.", 0) == 0;
-    EXPECT_TRUE(reported);
+    EXPECT_EQ(out, "");  // its standard output is the app's
+    EXPECT_NE(tunnelError().find("start-options.json"), std::string::npos) << tunnelError();
+
+    std::ofstream(group / "start-options.json") << R"({"game": 5)";
+    run(tunnel + "127.0.0.200:9 2>&1", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(tunnelError().find("do not decode"), std::string::npos) << tunnelError();
+
+    run(tunnel + "127.0.0.200 2>&1", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(tunnelError().find("HOST:PORT"), std::string::npos) << tunnelError();
 
     auto help = run("--help", &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(help.find("--json"), std::string::npos) << help;
     EXPECT_EQ(help.find("tunnel-side"), std::string::npos) << help;
 }
 
