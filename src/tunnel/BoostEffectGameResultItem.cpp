@@ -283,6 +283,14 @@ void BoostEffectGameResultItem::speedTest() {
 }
 
 void BoostEffectGameResultItem::startSpeedTestTimer() {
+    // A timer without a positive period would start rounds back to back.
+    if (!(sendTimeInterval_ > 0)) {
+        log::error(fmt::format("[Speed test] Not started: the interval between speed tests must "
+                               "be above 0 seconds, got {}",
+                               sendTimeInterval_),
+                   log::Stream::Tunnel);
+        return;
+    }
     std::lock_guard lock(mutex_);
     stopped_ = false;
     if (monitorTimer_)

@@ -94,6 +94,13 @@ TEST_F(BoostEffectItemTest, InitialiserRefusesIncompleteArgumentsAndPicksModeByI
     EXPECT_EQ(single->monitorQueue().label().rfind("com.boostEffectGameResultQueue.0x", 0), 0u);
     EXPECT_EQ(single->speedTestQueue().label(), "com.speedTest.queue");
 
+    // No round is ever started without a positive interval between rounds.
+    log::Capture capture;
+    auto busy = Item::create(makeGame(), false, Number(1), 0, proxy, 443, proxy, 443, Number(0),
+                             nullptr, env);
+    busy->speedTest();
+    EXPECT_TRUE(capture.contains("[Speed test] Not started"));
+
     // Equal texts in two objects are two paths to measure.
     auto twin = Item::create(makeGame(), false, Number(1), 1, text("10.0.0.1"), 443,
                              text("10.0.0.1"), 443, Number(0), nullptr, env);

@@ -168,7 +168,8 @@ class BoostEffectGameResultItem : public std::enable_shared_from_this<BoostEffec
 
     /// Starts the periodic speed tests when a speed-test address and port are set.
     void speedTest();
-    /// A repeating timer on monitorQueue, first tick at once, then every sendTimeInterval.
+    /// A repeating timer on monitorQueue, first tick at once, then every sendTimeInterval;
+    /// refused (and logged) unless the interval is above 0.
     void startSpeedTestTimer();
     /// One round of tests (what each tick runs); the round itself starts on speedTestQueue.
     void startSpeedTestTask();
