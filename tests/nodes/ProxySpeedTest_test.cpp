@@ -95,7 +95,9 @@ void runToReport(Outcome& outcome, Start start, int attempts = 3) {
 // A reply as a proxy wraps it: two ignored bytes, FRAG, ATYP, address, port, four ignored.
 Bytes reply(const std::string& payload, uint8_t frag = 0, uint8_t atyp = 1) {
     Bytes out = {0, 0, frag, atyp, 127, 0, 0, 1, 0x27, 0x0f, 0, 0, 0, 0};
-    out.insert(out.end(), payload.begin(), payload.end());
+    // Appended byte by byte: GCC 12 misreads a range insert here as out of bounds.
+    for (char c : payload)
+        out.push_back(static_cast<uint8_t>(c));
     return out;
 }
 
