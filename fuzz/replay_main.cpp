@@ -22,7 +22,8 @@ int main(int argc, char** argv) {
         std::filesystem::path path(argv[i]);
         if (std::filesystem::is_directory(path)) {
             for (auto& entry : std::filesystem::recursive_directory_iterator(path))
-                if (entry.is_regular_file()) runFile(entry.path()), ++count;
+                if (entry.is_regular_file())
+                    runFile(entry.path()), ++count;
         } else {
             runFile(path), ++count;
         }

@@ -82,8 +82,8 @@ class StrictReader {
     }
     // Unsigned integers: whole numbers in range only (1.5, -1 or 70000 for 16 bits fail).
     template <class U>
-    requires(std::is_integral_v<U> && std::is_unsigned_v<U> && !std::is_same_v<U, bool>)
-    static bool read(const Json& j, U& out) {
+    requires(std::is_integral_v<U>&& std::is_unsigned_v<U> &&
+             !std::is_same_v<U, bool>) static bool read(const Json& j, U& out) {
         if (j.is_number_unsigned()) {
             auto v = j.get<std::uint64_t>();
             if (v > std::numeric_limits<U>::max())

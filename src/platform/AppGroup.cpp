@@ -11,7 +11,8 @@ std::mutex gMutex;
 std::filesystem::path gOverride;  // guarded by gMutex
 
 std::filesystem::path fromEnvironment() {
-    if (const char* dir = std::getenv("LMKIT_APP_GROUP_DIR"); dir && *dir) return dir;
+    if (const char* dir = std::getenv("LMKIT_APP_GROUP_DIR"); dir && *dir)
+        return dir;
     if (const char* data = std::getenv("XDG_DATA_HOME"); data && *data)
         return std::filesystem::path(data) / "lmkit" / "app-group";
     const char* home = std::getenv("HOME");

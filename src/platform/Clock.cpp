@@ -15,14 +15,16 @@ std::atomic<bool> gInjected{false};
 std::int64_t Clock::nowMilliseconds() {
     if (gInjected.load(std::memory_order_acquire)) {
         std::lock_guard lock(gMutex);
-        if (gSource) return gSource();
+        if (gSource)
+            return gSource();
     }
     using namespace std::chrono;
     return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
 }
 
 double Clock::nowSeconds() {
-    if (gInjected.load(std::memory_order_acquire)) return nowMilliseconds() / 1000.0;
+    if (gInjected.load(std::memory_order_acquire))
+        return nowMilliseconds() / 1000.0;
     using namespace std::chrono;
     return duration<double>(system_clock::now().time_since_epoch()).count();
 }

@@ -13,12 +13,15 @@ void DispatchGroup::leave() {
     std::vector<std::pair<DispatchQueue, DispatchQueue::Block>> ready;
     {
         std::lock_guard lock(mutex_);
-        if (count_ == 0) return;
-        if (--count_ > 0) return;
+        if (count_ == 0)
+            return;
+        if (--count_ > 0)
+            return;
         ready.swap(waiting_);
     }
     zero_.notify_all();
-    for (auto& [queue, block] : ready) queue.async(std::move(block));
+    for (auto& [queue, block] : ready)
+        queue.async(std::move(block));
 }
 
 bool DispatchGroup::wait(double seconds) {

@@ -28,17 +28,23 @@ std::shared_ptr<DispatchQueue::Impl> makeImpl(std::string label, bool serial) {
     auto impl = std::make_shared<DispatchQueue::Impl>();
     impl->label = std::move(label);
     impl->serial = serial;
-    if (serial) impl->strand.emplace(asio::make_strand(detail::poolExecutor()));
+    if (serial)
+        impl->strand.emplace(asio::make_strand(detail::poolExecutor()));
     return impl;
 }
 
 const char* globalLabel(QoS qos) {
     switch (qos) {
-        case QoS::UserInteractive: return "com.apple.root.user-interactive-qos";
-        case QoS::UserInitiated: return "com.apple.root.user-initiated-qos";
-        case QoS::Default: return "com.apple.root.default-qos";
-        case QoS::Utility: return "com.apple.root.utility-qos";
-        case QoS::Background: return "com.apple.root.background-qos";
+        case QoS::UserInteractive:
+            return "com.apple.root.user-interactive-qos";
+        case QoS::UserInitiated:
+            return "com.apple.root.user-initiated-qos";
+        case QoS::Default:
+            return "com.apple.root.default-qos";
+        case QoS::Utility:
+            return "com.apple.root.utility-qos";
+        case QoS::Background:
+            return "com.apple.root.background-qos";
     }
     return "com.apple.root.default-qos";
 }
@@ -83,7 +89,8 @@ DispatchQueue DispatchQueue::serial(std::string label) {
 DispatchQueue DispatchQueue::global(QoS qos) {
     static const std::array<std::shared_ptr<Impl>, 5> queues = [] {
         std::array<std::shared_ptr<Impl>, 5> all;
-        for (int i = 0; i < 5; ++i) all[i] = makeImpl(globalLabel(static_cast<QoS>(i)), false);
+        for (int i = 0; i < 5; ++i)
+            all[i] = makeImpl(globalLabel(static_cast<QoS>(i)), false);
         return all;
     }();
     return DispatchQueue(queues[static_cast<int>(qos)]);
@@ -103,11 +110,19 @@ void DispatchQueue::setMainExecutor(std::function<void(Block)> executor) {
     mainExecutor() = std::move(executor);
 }
 
-std::string DispatchQueue::currentLabel() { return tCurrentQueue ? tCurrentQueue->label : ""; }
+std::string DispatchQueue::currentLabel() {
+    return tCurrentQueue ? tCurrentQueue->label : "";
+}
 
-const std::string& DispatchQueue::label() const { return impl_->label; }
-bool DispatchQueue::isSerial() const { return impl_->serial; }
-bool DispatchQueue::isCurrent() const { return tCurrentQueue == impl_.get(); }
+const std::string& DispatchQueue::label() const {
+    return impl_->label;
+}
+bool DispatchQueue::isSerial() const {
+    return impl_->serial;
+}
+bool DispatchQueue::isCurrent() const {
+    return tCurrentQueue == impl_.get();
+}
 
 void DispatchQueue::async(Block block) const {
     // The pending block keeps the queue alive.
@@ -136,14 +151,15 @@ void DispatchQueue::asyncAfter(double seconds, Block block) const {
         return;
     }
     auto timer = std::make_shared<asio::steady_timer>(
-        detail::poolExecutor(),
-        std::chrono::duration_cast<asio::steady_timer::duration>(
-            std::chrono::duration<double>(seconds)));
+        detail::poolExecutor(), std::chrono::duration_cast<asio::steady_timer::duration>(
+                                    std::chrono::duration<double>(seconds)));
     timer->async_wait([timer, queue = *this, block = std::move(block)](const std::error_code&) {
         queue.async(block);
     });
 }
 
-void DispatchOnce::operator()(const std::function<void()>& block) { std::call_once(flag_, block); }
+void DispatchOnce::operator()(const std::function<void()>& block) {
+    std::call_once(flag_, block);
+}
 
 }  // namespace lmkit

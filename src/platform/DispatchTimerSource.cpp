@@ -45,20 +45,25 @@ std::shared_ptr<DispatchTimerSource> DispatchTimerSource::create(DispatchQueue q
 
 DispatchTimerSource::DispatchTimerSource(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
-DispatchTimerSource::~DispatchTimerSource() { cancel(); }
+DispatchTimerSource::~DispatchTimerSource() {
+    cancel();
+}
 
 // Arms the next tick (impl_->mutex held); the wait holds the source weakly so that a released
 // source simply stops.
 void DispatchTimerSource::arm() {
     impl_->timer.expires_at(impl_->next);
     impl_->timer.async_wait([weak = weak_from_this()](const std::error_code& error) {
-        if (error) return;
-        if (auto self = weak.lock()) self->tick();
+        if (error)
+            return;
+        if (auto self = weak.lock())
+            self->tick();
     });
 }
 
 void DispatchTimerSource::tick() {
-    if (impl_->cancelled) return;
+    if (impl_->cancelled)
+        return;
     {
         std::lock_guard lock(impl_->mutex);
         impl_->next += impl_->interval;
@@ -66,25 +71,30 @@ void DispatchTimerSource::tick() {
     }
     impl_->queue.async([weak = weak_from_this()] {
         auto self = weak.lock();
-        if (!self || self->impl_->cancelled) return;
+        if (!self || self->impl_->cancelled)
+            return;
         self->impl_->handler();
     });
 }
 
 void DispatchTimerSource::resume() {
     std::lock_guard lock(impl_->mutex);
-    if (impl_->resumed || impl_->cancelled) return;
+    if (impl_->resumed || impl_->cancelled)
+        return;
     impl_->resumed = true;
     impl_->next = asio::steady_timer::clock_type::now() + impl_->startDelay;
     arm();
 }
 
 void DispatchTimerSource::cancel() {
-    if (impl_->cancelled.exchange(true)) return;
+    if (impl_->cancelled.exchange(true))
+        return;
     std::lock_guard lock(impl_->mutex);
     impl_->timer.cancel();
 }
 
-bool DispatchTimerSource::isCancelled() const { return impl_->cancelled; }
+bool DispatchTimerSource::isCancelled() const {
+    return impl_->cancelled;
+}
 
 }  // namespace lmkit

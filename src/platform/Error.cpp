@@ -9,7 +9,8 @@ Error Error::withDescription(std::string domain, long code, std::string descript
 }
 
 std::string Error::localizedDescription() const {
-    if (auto it = userInfo.find(kLocalizedDescriptionKey); it != userInfo.end()) return it->second;
+    if (auto it = userInfo.find(kLocalizedDescriptionKey); it != userInfo.end())
+        return it->second;
     return fmt::format("The operation couldn\u2019t be completed. ({} error {}.)", domain, code);
 }
 

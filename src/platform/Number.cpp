@@ -7,16 +7,21 @@
 
 namespace lmkit {
 
-Number::Kind Number::kind() const { return static_cast<Kind>(value_.index()); }
+Number::Kind Number::kind() const {
+    return static_cast<Kind>(value_.index());
+}
 
 std::int64_t Number::intValue() const {
     return std::visit(
         [](auto v) -> std::int64_t {
             if constexpr (std::is_same_v<decltype(v), double>) {
                 // Out-of-range and NaN conversions are undefined in C++; clamp them instead.
-                if (std::isnan(v)) return 0;
-                if (v >= 9.2233720368547758e18) return INT64_MAX;
-                if (v <= -9.2233720368547758e18) return INT64_MIN;
+                if (std::isnan(v))
+                    return 0;
+                if (v >= 9.2233720368547758e18)
+                    return INT64_MAX;
+                if (v <= -9.2233720368547758e18)
+                    return INT64_MIN;
             }
             return static_cast<std::int64_t>(v);
         },
@@ -26,9 +31,12 @@ std::int64_t Number::intValue() const {
 std::uint64_t Number::unsignedValue() const {
     if (kind() == Kind::Floating) {
         double v = std::get<double>(value_);
-        if (std::isnan(v)) return 0;
-        if (v >= 1.8446744073709552e19) return UINT64_MAX;
-        if (v < 0) return static_cast<std::uint64_t>(intValue());
+        if (std::isnan(v))
+            return 0;
+        if (v >= 1.8446744073709552e19)
+            return UINT64_MAX;
+        if (v < 0)
+            return static_cast<std::uint64_t>(intValue());
         return static_cast<std::uint64_t>(v);
     }
     return std::visit([](auto v) { return static_cast<std::uint64_t>(v); }, value_);
@@ -63,9 +71,12 @@ std::optional<Number> Number::fromJson(const nlohmann::ordered_json& json) {
 
 std::string Number::description() const {
     switch (kind()) {
-        case Kind::Integer: return std::to_string(std::get<std::int64_t>(value_));
-        case Kind::Unsigned: return std::to_string(std::get<std::uint64_t>(value_));
-        case Kind::Boolean: return std::get<bool>(value_) ? "1" : "0";
+        case Kind::Integer:
+            return std::to_string(std::get<std::int64_t>(value_));
+        case Kind::Unsigned:
+            return std::to_string(std::get<std::uint64_t>(value_));
+        case Kind::Boolean:
+            return std::get<bool>(value_) ? "1" : "0";
         case Kind::Floating: {
             double v = std::get<double>(value_);
             if (std::isfinite(v) && v == std::trunc(v) && std::fabs(v) < 1e15)
@@ -81,7 +92,8 @@ int Number::compare(const Number& other) const {
         // Exact integer comparison, also across signed and unsigned.
         bool negA = kind() == Kind::Integer && std::get<std::int64_t>(value_) < 0;
         bool negB = other.kind() == Kind::Integer && std::get<std::int64_t>(other.value_) < 0;
-        if (negA != negB) return negA ? -1 : 1;
+        if (negA != negB)
+            return negA ? -1 : 1;
         if (negA) {
             auto a = intValue(), b = other.intValue();
             return a < b ? -1 : (a > b ? 1 : 0);
@@ -93,6 +105,8 @@ int Number::compare(const Number& other) const {
     return a < b ? -1 : (a > b ? 1 : 0);
 }
 
-bool Number::operator==(const Number& other) const { return compare(other) == 0; }
+bool Number::operator==(const Number& other) const {
+    return compare(other) == 0;
+}
 
 }  // namespace lmkit

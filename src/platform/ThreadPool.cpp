@@ -17,6 +17,8 @@ asio::thread_pool& threadPool() {
     return *pool;
 }
 
-asio::any_io_executor poolExecutor() { return threadPool().get_executor(); }
+asio::any_io_executor poolExecutor() {
+    return threadPool().get_executor();
+}
 
 }  // namespace lmkit::detail

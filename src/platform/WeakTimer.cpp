@@ -31,7 +31,9 @@ std::shared_ptr<WeakTimer> WeakTimer::create(double interval, Fire fire, bool re
 
 WeakTimer::WeakTimer(double interval, bool repeats) : interval_(interval), repeats_(repeats) {}
 
-WeakTimer::~WeakTimer() { invalidate(); }
+WeakTimer::~WeakTimer() {
+    invalidate();
+}
 
 void WeakTimer::schedule() {
     std::lock_guard lock(impl_->mutex);
@@ -45,9 +47,11 @@ void WeakTimer::schedule() {
 void WeakTimer::arm() {
     impl_->timer.expires_at(impl_->next);
     impl_->timer.async_wait([weak = weak_from_this()](const std::error_code& error) {
-        if (error) return;
+        if (error)
+            return;
         auto self = weak.lock();
-        if (!self || !self->isValid()) return;
+        if (!self || !self->isValid())
+            return;
         if (self->repeats_) {
             std::lock_guard lock(self->impl_->mutex);
             self->impl_->next += std::chrono::duration_cast<asio::steady_timer::duration>(
@@ -55,22 +59,27 @@ void WeakTimer::arm() {
             self->arm();
         }
         self->impl_->queue.async([weak] {
-            if (auto timer = weak.lock()) timer->deliver();
+            if (auto timer = weak.lock())
+                timer->deliver();
         });
     });
 }
 
 // On the timer's queue.
 void WeakTimer::deliver() {
-    if (!isValid()) return;
-    if (!repeats_) impl_->valid = false;
-    if (!impl_->fire(*this)) invalidate();  // the target is gone
+    if (!isValid())
+        return;
+    if (!repeats_)
+        impl_->valid = false;
+    if (!impl_->fire(*this))
+        invalidate();  // the target is gone
 }
 
 void WeakTimer::fire() {
     impl_->queue.async([weak = weak_from_this()] {
         auto self = weak.lock();
-        if (!self || !self->isValid()) return;
+        if (!self || !self->isValid())
+            return;
         if (!self->repeats_) {
             std::lock_guard lock(self->impl_->mutex);
             self->impl_->timer.cancel();
@@ -80,12 +89,15 @@ void WeakTimer::fire() {
 }
 
 void WeakTimer::invalidate() {
-    if (!impl_) return;
+    if (!impl_)
+        return;
     impl_->valid = false;
     std::lock_guard lock(impl_->mutex);
     impl_->timer.cancel();
 }
 
-bool WeakTimer::isValid() const { return impl_ && impl_->valid; }
+bool WeakTimer::isValid() const {
+    return impl_ && impl_->valid;
+}
 
 }  // namespace lmkit

@@ -1,6 +1,6 @@
 // test-labels: concurrency
-#include "lmkit/platform/DispatchGroup.hpp"
 #include "lmkit/platform/DispatchQueue.hpp"
+#include "lmkit/platform/DispatchGroup.hpp"
 #include "lmkit/platform/DispatchTimerSource.hpp"
 
 #include <atomic>
@@ -23,7 +23,8 @@ TEST(DispatchQueue, SerialQueueRunsBlocksOneAtATimeInOrderAndNamesItself) {
     for (int i = 0; i < 200; ++i) {
         group.enter();
         queue.async([&, i] {
-            if (inside.fetch_add(1) != 0) overlapped = true;
+            if (inside.fetch_add(1) != 0)
+                overlapped = true;
             order.push_back(i);
             EXPECT_EQ(DispatchQueue::currentLabel(), "test.serial.queue");
             EXPECT_TRUE(queue.isCurrent());
@@ -34,7 +35,8 @@ TEST(DispatchQueue, SerialQueueRunsBlocksOneAtATimeInOrderAndNamesItself) {
     ASSERT_TRUE(group.wait(5));
     EXPECT_FALSE(overlapped);
     std::vector<int> expected(200);
-    for (int i = 0; i < 200; ++i) expected[i] = i;
+    for (int i = 0; i < 200; ++i)
+        expected[i] = i;
     queue.sync([&] { EXPECT_EQ(order, expected); });
     EXPECT_EQ(DispatchQueue::currentLabel(), "");
 }

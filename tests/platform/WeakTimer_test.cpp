@@ -52,8 +52,10 @@ TEST(WeakTimer, InvalidateFromManyThreadsIsIdempotentAndStopsFiring) {
         0.001, target, [](Target& t, WeakTimer&) { ++t.fired; }, true, queue);
     ASSERT_TRUE(waitFor([&] { return target->fired >= 2; }));
     std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) threads.emplace_back([&] { timer->invalidate(); });
-    for (auto& t : threads) t.join();
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&] { timer->invalidate(); });
+    for (auto& t : threads)
+        t.join();
     queue.sync([] {});
     int after = target->fired;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));

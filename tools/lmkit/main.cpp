@@ -23,7 +23,8 @@ Command::Command(std::string name, std::string description, Setup setup) {
 
 int main(int argc, char** argv) {
     using namespace lmkit::tool;
-    CLI::App app{"lmkit: probe, score and pick relay nodes; measure networks; build tunnel options"};
+    CLI::App app{
+        "lmkit: probe, score and pick relay nodes; measure networks; build tunnel options"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "lmkit 0.1.0");
 
@@ -37,13 +38,15 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
+        if (error.get_exit_code() == 0)
+            return app.exit(error);  // --help, --version
         std::fprintf(stderr, "lmkit: %s\n", error.what());
         return 1;
     }
 
     for (auto& [sub, action] : actions) {
-        if (!sub->parsed()) continue;
+        if (!sub->parsed())
+            continue;
         try {
             return action();
         } catch (const Failure& failure) {

@@ -8,7 +8,7 @@ namespace lmkit {
 /// LMKIT_APP_GROUP_DIR environment variable, else a per-user data directory
 /// ($XDG_DATA_HOME/lmkit/app-group, or ~/.local/share/lmkit/app-group). Created on first use.
 class AppGroup {
-public:
+  public:
     static std::filesystem::path containerDirectory();
     /// The directory both processes write the tunnel log stream into ("<container>/Logs").
     static std::filesystem::path sharedLogDirectory();

@@ -8,7 +8,7 @@ namespace lmkit {
 /// Wall-clock time for probe stamps and delays: milliseconds since 1970. Every delay the kit
 /// computes reads this one clock, so tests can set it and check delay arithmetic exactly.
 class Clock {
-public:
+  public:
     /// Milliseconds since 1970 (the injected source when one is set).
     static std::int64_t nowMilliseconds();
     /// Seconds since 1970 with a fraction.

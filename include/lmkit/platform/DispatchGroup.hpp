@@ -12,7 +12,7 @@ namespace lmkit {
 /// Counts outstanding work: enter() before each piece, leave() after it. wait() blocks until the
 /// count is zero or a time-out passes; notify() queues a block for the moment it reaches zero.
 class DispatchGroup {
-public:
+  public:
     void enter();
     /// A leave() without a matching enter() is ignored rather than driving the count below zero.
     void leave();
@@ -22,7 +22,7 @@ public:
     /// Runs `block` on `queue` once the count is zero (at once when it already is).
     void notify(const DispatchQueue& queue, DispatchQueue::Block block);
 
-private:
+  private:
     std::mutex mutex_;
     std::condition_variable zero_;
     long count_ = 0;

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <functional>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace lmkit {
@@ -17,7 +17,7 @@ enum class QoS { UserInteractive, UserInitiated, Default, Utility, Background };
 /// (currentLabel()), so log lines can name it. Handles are cheap to copy; a queue lives as long
 /// as any handle or pending block refers to it.
 class DispatchQueue {
-public:
+  public:
     using Block = std::function<void()>;
 
     /// A new serial queue.
@@ -52,7 +52,7 @@ public:
 
     struct Impl;
 
-private:
+  private:
     explicit DispatchQueue(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
     std::shared_ptr<Impl> impl_;
     friend class DispatchTimerSource;
@@ -61,10 +61,10 @@ private:
 
 /// Runs a block once per process, however many threads ask at once (dispatch_once).
 class DispatchOnce {
-public:
+  public:
     void operator()(const std::function<void()>& block);
 
-private:
+  private:
     std::once_flag flag_;
 };
 

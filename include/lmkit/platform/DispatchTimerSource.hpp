@@ -11,7 +11,7 @@ namespace lmkit {
 /// `interval` seconds on the queue until cancelled. Ticks are scheduled from the start time, not
 /// from the previous handler's end, so a slow handler does not stretch the period.
 class DispatchTimerSource : public std::enable_shared_from_this<DispatchTimerSource> {
-public:
+  public:
     static std::shared_ptr<DispatchTimerSource> create(DispatchQueue queue, double interval,
                                                        std::function<void()> handler,
                                                        double startDelay = -1);
@@ -25,7 +25,7 @@ public:
 
     struct Impl;
 
-private:
+  private:
     explicit DispatchTimerSource(std::unique_ptr<Impl> impl);
     void arm();
     void tick();

@@ -13,7 +13,7 @@ namespace lmkit {
 /// value or boolean), so that a JSON value read and written again keeps its kind: 443 stays 443,
 /// 0.5 stays 0.5 and true stays true.
 class Number {
-public:
+  public:
     enum class Kind { Integer, Unsigned, Floating, Boolean };
 
     Number() : value_(std::int64_t{0}) {}
@@ -50,7 +50,7 @@ public:
     bool operator<(const Number& other) const { return compare(other) < 0; }
     int compare(const Number& other) const;
 
-private:
+  private:
     std::variant<std::int64_t, std::uint64_t, double, bool> value_;
 };
 

@@ -14,7 +14,7 @@ namespace lmkit {
 /// invalidate() is idempotent and safe from any thread; a firing already queued when it is
 /// called does not reach the target.
 class WeakTimer : public std::enable_shared_from_this<WeakTimer> {
-public:
+  public:
     /// Schedules a timer calling `action(target, timer)` after `interval` seconds on `queue`.
     template <class T>
     static std::shared_ptr<WeakTimer> scheduledTimer(double interval, std::weak_ptr<T> target,
@@ -22,7 +22,8 @@ public:
                                                      bool repeats, DispatchQueue queue) {
         auto fire = [target = std::move(target), action = std::move(action)](WeakTimer& timer) {
             auto strong = target.lock();
-            if (!strong) return false;
+            if (!strong)
+                return false;
             action(*strong, timer);
             return true;
         };
@@ -42,7 +43,7 @@ public:
 
     struct Impl;
 
-private:
+  private:
     using Fire = std::function<bool(WeakTimer&)>;
     static std::shared_ptr<WeakTimer> create(double interval, Fire fire, bool repeats,
                                              DispatchQueue queue);
