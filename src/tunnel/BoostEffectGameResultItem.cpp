@@ -351,56 +351,51 @@ bool BoostEffectGameResultItem::shouldUseDualChannel() const {
            environment_.isNetworkAvailable(kCellularKind);
 }
 
-void BoostEffectGameResultItem::startDirectTest(const std::string& host, long port) {
-    std::weak_ptr<BoostEffectGameResultItem> weak = weak_from_this();
-    auto run = detail::SpeedTestRun::start(
-        host, port, 0, speedTestQueue_,
-        [weak](const std::vector<double>& delays, double average) {
-            if (auto self = weak.lock())
-                self->directSpeedTestDidSucceed(average, delays);
-        },
-        [weak](const Error& error) {
-            if (auto self = weak.lock())
-                self->directSpeedTestDidFail(error);
-        });
-    std::shared_ptr<detail::SpeedTestRun> previous;
+template <class Tester>
+void BoostEffectGameResultItem::replaceTester(std::shared_ptr<Tester>& slot,
+                                              std::shared_ptr<Tester> fresh) {
+    // A stopped item keeps no tester: the fresh one is stopped at once instead.
+    std::shared_ptr<Tester> previous;
     {
         std::lock_guard lock(mutex_);
         if (stopped_) {
-            previous = std::move(run);
+            previous = std::move(fresh);
         } else {
-            previous = std::move(directTester_);
-            directTester_ = std::move(run);
+            previous = std::move(slot);
+            slot = std::move(fresh);
         }
     }
     if (previous)
         previous->stop();
 }
 
-void BoostEffectGameResultItem::startProxyTest(const std::string& host, long port) {
+void BoostEffectGameResultItem::startSingleTest(
+    const std::string& host, long port, std::shared_ptr<detail::SpeedTestRun>& slot,
+    void (BoostEffectGameResultItem::*didSucceed)(double, const std::vector<double>&),
+    void (BoostEffectGameResultItem::*didFail)(const Error&)) {
     std::weak_ptr<BoostEffectGameResultItem> weak = weak_from_this();
     auto run = detail::SpeedTestRun::start(
         host, port, 0, speedTestQueue_,
-        [weak](const std::vector<double>& delays, double average) {
+        [weak, didSucceed](const std::vector<double>& delays, double average) {
             if (auto self = weak.lock())
-                self->proxySpeedTestDidSucceed(average, delays);
+                ((*self).*didSucceed)(average, delays);
         },
-        [weak](const Error& error) {
+        [weak, didFail](const Error& error) {
             if (auto self = weak.lock())
-                self->proxySpeedTestDidFail(error);
+                ((*self).*didFail)(error);
         });
-    std::shared_ptr<detail::SpeedTestRun> previous;
-    {
-        std::lock_guard lock(mutex_);
-        if (stopped_) {
-            previous = std::move(run);
-        } else {
-            previous = std::move(proxyTester_);
-            proxyTester_ = std::move(run);
-        }
-    }
-    if (previous)
-        previous->stop();
+    replaceTester(slot, std::move(run));
+}
+
+void BoostEffectGameResultItem::startDirectTest(const std::string& host, long port) {
+    startSingleTest(host, port, directTester_,
+                    &BoostEffectGameResultItem::directSpeedTestDidSucceed,
+                    &BoostEffectGameResultItem::directSpeedTestDidFail);
+}
+
+void BoostEffectGameResultItem::startProxyTest(const std::string& host, long port) {
+    startSingleTest(host, port, proxyTester_, &BoostEffectGameResultItem::proxySpeedTestDidSucceed,
+                    &BoostEffectGameResultItem::proxySpeedTestDidFail);
 }
 
 void BoostEffectGameResultItem::startDualChannelTest(const std::string& host, long port) {
@@ -410,18 +405,7 @@ void BoostEffectGameResultItem::startDualChannelTest(const std::string& host, lo
             if (auto self = weak.lock())
                 self->dualChannelSpeedTestDidComplete(outcome);
         });
-    std::shared_ptr<detail::DualChannelSpeedTest> previous;
-    {
-        std::lock_guard lock(mutex_);
-        if (stopped_) {
-            previous = std::move(test);
-        } else {
-            previous = std::move(dualTester_);
-            dualTester_ = std::move(test);
-        }
-    }
-    if (previous)
-        previous->stop();
+    replaceTester(dualTester_, std::move(test));
 }
 
 void BoostEffectGameResultItem::stop() {

@@ -220,6 +220,14 @@ class BoostEffectGameResultItem : public std::enable_shared_from_this<BoostEffec
     void startDirectTest(const std::string& host, long port);
     void startProxyTest(const std::string& host, long port);
     void startDualChannelTest(const std::string& host, long port);
+    void startSingleTest(const std::string& host, long port,
+                         std::shared_ptr<detail::SpeedTestRun>& slot,
+                         void (BoostEffectGameResultItem::*didSucceed)(double,
+                                                                       const std::vector<double>&),
+                         void (BoostEffectGameResultItem::*didFail)(const Error&));
+    /// Puts `fresh` in `slot` and stops the tester it replaces.
+    template <class Tester>
+    void replaceTester(std::shared_ptr<Tester>& slot, std::shared_ptr<Tester> fresh);
 
     // Result handlers; each caps what it stores at kMaxDelay.
     void singleLineSingleChannelSucceeded(double delay);
