@@ -1,4 +1,5 @@
 #include "lmkit/platform/Socks5Relay.hpp"
+#include "platform/SocketAddress.hpp"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -39,25 +40,7 @@ Error failure(const std::string& text) {
     return Error::withDescription(kErrorDomain, 1, text);
 }
 
-std::optional<sockaddr_storage> makeAddress(const std::string& host, uint16_t port,
-                                            socklen_t& length) {
-    sockaddr_storage storage{};
-    auto* in = reinterpret_cast<sockaddr_in*>(&storage);
-    auto* in6 = reinterpret_cast<sockaddr_in6*>(&storage);
-    if (inet_pton(AF_INET, host.c_str(), &in->sin_addr) == 1) {
-        in->sin_family = AF_INET;
-        in->sin_port = htons(port);
-        length = sizeof(sockaddr_in);
-        return storage;
-    }
-    if (inet_pton(AF_INET6, host.c_str(), &in6->sin6_addr) == 1) {
-        in6->sin6_family = AF_INET6;
-        in6->sin6_port = htons(port);
-        length = sizeof(sockaddr_in6);
-        return storage;
-    }
-    return std::nullopt;
-}
+using detail::makeAddress;
 
 int openBound(int family, const sockaddr* address, socklen_t length, std::string* reason) {
     int fd = ::socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
