@@ -2,7 +2,6 @@
 #include "lmkit/foundation/UserDefaults.hpp"
 
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,8 +19,6 @@
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/platform/AppGroup.hpp"
 #include "support/TestSupport.hpp"
-
-extern char** environ;
 
 using namespace lmkit;
 using lmkit::testing::TempDir;
@@ -72,30 +69,10 @@ bool runChildIfAsked() {
 }
 [[maybe_unused]] const bool kIsChild = runChildIfAsked();
 
-// Starts this binary again as a child; pipe ends that are not close-on-exec stay open in it.
 pid_t spawnChild(const std::string& request) {
-    std::vector<std::string> environment;
-    for (char** e = environ; *e; ++e)
-        environment.emplace_back(*e);
-    environment.push_back(std::string(kChildVariable) + "=" + request);
-    std::vector<char*> envp;
-    for (auto& e : environment)
-        envp.push_back(e.data());
-    envp.push_back(nullptr);
-    char self[] = "/proc/self/exe";
-    char* argv[] = {self, nullptr};
-    pid_t pid = -1;
-    if (posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, argv, envp.data()) != 0)
-        return -1;
-    return pid;
+    return lmkit::testing::spawnSelf(kChildVariable, request);
 }
-
-int waitExit(pid_t pid) {
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid)
-        return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+using lmkit::testing::waitExit;
 
 class UserDefaultsTest : public ::testing::Test {
   protected:

@@ -1,9 +1,6 @@
 // test-labels: concurrency system
 #include "lmkit/nodes/NetworkMonitor.hpp"
 
-#include <spawn.h>
-#include <sys/wait.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <mutex>
@@ -16,8 +13,6 @@
 #include "lmkit/platform/EchoServer.hpp"
 #include "lmkit/settings/RecordArchiving.hpp"
 #include "support/TestSupport.hpp"
-
-extern char** environ;
 
 using namespace lmkit;
 using lmkit::testing::waitFor;
@@ -40,23 +35,8 @@ bool runChildIfAsked() {
 [[maybe_unused]] const bool kIsChild = runChildIfAsked();
 
 int verdictSeenByAnotherProcess() {
-    std::vector<std::string> environment;
-    for (char** e = environ; *e; ++e)
-        environment.emplace_back(*e);
-    environment.push_back(std::string(kChildVariable) + "=1");
-    std::vector<char*> envp;
-    for (auto& e : environment)
-        envp.push_back(e.data());
-    envp.push_back(nullptr);
-    char self[] = "/proc/self/exe";
-    char* argv[] = {self, nullptr};
-    pid_t pid = -1;
-    if (posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, argv, envp.data()) != 0)
-        return -1;
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status))
-        return -1;
-    return WEXITSTATUS(status);
+    pid_t pid = lmkit::testing::spawnSelf(kChildVariable, "1");
+    return pid < 0 ? -1 : lmkit::testing::waitExit(pid);
 }
 
 std::shared_ptr<UnstableNetworkConfig> thresholds(std::optional<double> interval,

@@ -1,5 +1,6 @@
 #include "support/TestSupport.hpp"
 
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,6 +9,9 @@
 #include <cstdlib>
 #include <stdexcept>
 #include <thread>
+#include <vector>
+
+extern char** environ;
 
 namespace lmkit::testing {
 
@@ -46,6 +50,30 @@ std::string runCommand(const std::string& command, int* status) {
     if (status)
         *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
     return output;
+}
+
+pid_t spawnSelf(const std::string& variable, const std::string& value) {
+    std::vector<std::string> environment;
+    for (char** e = environ; *e; ++e)
+        environment.emplace_back(*e);
+    environment.push_back(variable + "=" + value);
+    std::vector<char*> envp;
+    for (auto& e : environment)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+    char self[] = "/proc/self/exe";
+    char* argv[] = {self, nullptr};
+    pid_t pid = -1;
+    if (posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, argv, envp.data()) != 0)
+        return -1;
+    return pid;
+}
+
+int waitExit(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid)
+        return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 }  // namespace lmkit::testing

@@ -5,6 +5,8 @@
 #include <functional>
 #include <string>
 
+#include <sys/types.h>
+
 namespace lmkit::testing {
 
 /// Polls `condition` until it holds or `seconds` pass; true when it held. Tests wait for the
@@ -26,5 +28,14 @@ class TempDir {
 
 /// Runs a shell command and returns its standard output; `status` receives the exit code.
 std::string runCommand(const std::string& command, int* status = nullptr);
+
+/// Starts this test binary again with `variable`=`value` added to its environment, for tests
+/// that need a second real process; descriptors that are not close-on-exec stay open in it.
+/// -1 when it cannot start.
+pid_t spawnSelf(const std::string& variable, const std::string& value);
+
+/// Waits for `pid`: its exit code, 128 + the signal that ended it, or -1 when it cannot be
+/// waited for.
+int waitExit(pid_t pid);
 
 }  // namespace lmkit::testing

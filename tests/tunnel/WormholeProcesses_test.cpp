@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,8 +19,6 @@
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/tunnel/WormholeManager.hpp"
 #include "support/TestSupport.hpp"
-
-extern char** environ;
 
 using namespace lmkit;
 using lmkit::testing::TempDir;
@@ -99,30 +96,10 @@ bool runChildIfAsked() {
 }
 [[maybe_unused]] const bool kIsChild = runChildIfAsked();
 
-// A child of this binary; `keepFd` stays open in it.
 pid_t spawnChild(const std::string& request) {
-    std::vector<std::string> environment;
-    for (char** e = environ; *e; ++e)
-        environment.emplace_back(*e);
-    environment.push_back(std::string(kChildVariable) + "=" + request);
-    std::vector<char*> envp;
-    for (auto& e : environment)
-        envp.push_back(e.data());
-    envp.push_back(nullptr);
-    char self[] = "/proc/self/exe";
-    char* argv[] = {self, nullptr};
-    pid_t pid = -1;
-    if (posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, argv, envp.data()) != 0)
-        return -1;
-    return pid;
+    return lmkit::testing::spawnSelf(kChildVariable, request);
 }
-
-int waitExit(pid_t pid) {
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid)
-        return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+using lmkit::testing::waitExit;
 
 // Lines from a child's pipe, with a deadline per line.
 class LineReader {
