@@ -10,7 +10,6 @@
 #include <fstream>
 #include <random>
 #include <set>
-#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -34,13 +33,10 @@ constexpr const char* kChildVariable = "LMKIT_DEFAULTS_TEST_CHILD";
 //   burst|PATH|FD        writes k0, k1, ... each followed by synchronize(), and reports every
 //                        synchronised index on FD as one line, until it is killed
 bool runChildIfAsked() {
-    const char* request = std::getenv(kChildVariable);
+    auto request = lmkit::testing::childRequest(kChildVariable);
     if (!request)
         return false;
-    std::vector<std::string> parts;
-    std::stringstream stream(request);
-    for (std::string part; std::getline(stream, part, '|');)
-        parts.push_back(part);
+    const auto& parts = *request;
     if (parts.size() != 3)
         std::_Exit(2);
     auto defaults = UserDefaults::openAt(parts[1]);

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -67,6 +68,17 @@ pid_t spawnSelf(const std::string& variable, const std::string& value) {
     if (posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, argv, envp.data()) != 0)
         return -1;
     return pid;
+}
+
+std::optional<std::vector<std::string>> childRequest(const std::string& variable) {
+    const char* request = std::getenv(variable.c_str());
+    if (!request)
+        return std::nullopt;
+    std::vector<std::string> parts;
+    std::stringstream stream(request);
+    for (std::string part; std::getline(stream, part, '|');)
+        parts.push_back(part);
+    return parts;
 }
 
 int waitExit(pid_t pid) {

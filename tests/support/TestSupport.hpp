@@ -3,7 +3,9 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -33,6 +35,10 @@ std::string runCommand(const std::string& command, int* status = nullptr);
 /// that need a second real process; descriptors that are not close-on-exec stay open in it.
 /// -1 when it cannot start.
 pid_t spawnSelf(const std::string& variable, const std::string& value);
+
+/// In a child started by spawnSelf: the '|'-separated fields of `variable`'s value; nil in the
+/// test process itself, where the variable is not set.
+std::optional<std::vector<std::string>> childRequest(const std::string& variable);
 
 /// Waits for `pid`: its exit code, 128 + the signal that ended it, or -1 when it cannot be
 /// waited for.

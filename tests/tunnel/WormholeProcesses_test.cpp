@@ -10,7 +10,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -56,13 +55,10 @@ void writeLine(int fd, const std::string& line) {
 //   reader|DIR|FD       writes "stored CMD JSON" for the newest stored object of each kind,
 //                       then "ready", then "live CMD JSON" for every arrival, until killed
 bool runChildIfAsked() {
-    const char* request = std::getenv(kChildVariable);
+    auto request = lmkit::testing::childRequest(kChildVariable);
     if (!request)
         return false;
-    std::vector<std::string> parts;
-    std::stringstream stream(request);
-    for (std::string part; std::getline(stream, part, '|');)
-        parts.push_back(part);
+    const auto& parts = *request;
     if (parts.size() != 3)
         std::_Exit(2);
     auto manager = WormholeManager::create(parts[1]);
