@@ -11,7 +11,6 @@ namespace {
 struct Hooks {
     std::mutex mutex;
     std::function<std::optional<std::string>()> carrierTypeCode;
-    std::function<bool()> newLossScoreEnabled;
 };
 
 Hooks& hooks() {
@@ -36,25 +35,11 @@ std::string objectText(const std::optional<Number>& n) {
     return n ? n->description() : "(null)";
 }
 
-bool newLossScoreEnabled() {
-    std::function<bool()> provider;
-    {
-        std::lock_guard lock(hooks().mutex);
-        provider = hooks().newLossScoreEnabled;
-    }
-    return provider && provider();
-}
-
 }  // namespace
 
 void AccNode::setCarrierTypeCodeProvider(std::function<std::optional<std::string>()> provider) {
     std::lock_guard lock(hooks().mutex);
     hooks().carrierTypeCode = std::move(provider);
-}
-
-void AccNode::setNewLossScoreEnabledProvider(std::function<bool()> provider) {
-    std::lock_guard lock(hooks().mutex);
-    hooks().newLossScoreEnabled = std::move(provider);
 }
 
 std::optional<std::string> AccNode::ipForCarrierTypeCode(
@@ -99,11 +84,11 @@ Number AccNode::computeScoreOfDelay(const std::optional<Number>& delay,
 }
 
 Number AccNode::computeScoreOfLoss(const std::optional<Number>& loss,
-                                   const std::shared_ptr<AccConfig>& accConfig) {
+                                   const std::shared_ptr<AccConfig>& accConfig, bool newLossScore) {
     double value = valueOf(loss);
     if (!accConfig)
         return Number(0);
-    if (newLossScoreEnabled()) {
+    if (newLossScore) {
         double s = valueOf(accConfig->loss2) - valueOf(accConfig->lossScale) * value * value;
         return Number(s > 0 ? s : 0.0);
     }

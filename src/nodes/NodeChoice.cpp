@@ -90,15 +90,22 @@ NodeSelector::Nodes NodeSelector::chooseBestNodes(const Nodes& nodes, long mode,
 }
 
 void NodeSelector::sortAndLogNodes(const Nodes& nodes) {
+    // A line per node: a detail for debugging, and costly on runs of thousands of nodes.
+    if (!log::isEnabled(log::kDebug))
+        return;
     std::string text;
     for (const auto& node : sortedByScore(nodes)) {
         text += node->description();
         text += '\n';
     }
-    log::info("[NodeSelector] all nodes sorted by score(high->low):\n" + text);
+    log::debug("[NodeSelector] all nodes sorted by score(high->low):\n" + text);
 }
 
 void NodeSelector::logBestNodes(const Nodes& nodes, std::size_t logCount, bool markPrefix) {
+    // A Best Node run over thousands of nodes chooses one per distinct score: a debug detail
+    // (the run's summary line names the best node).
+    if (!log::isEnabled(log::kDebug))
+        return;
     std::string text;
     for (std::size_t i = 0; i < nodes.size(); ++i) {
         if (i == 0 && markPrefix)
@@ -109,7 +116,7 @@ void NodeSelector::logBestNodes(const Nodes& nodes, std::size_t logCount, bool m
             break;
     }
     if (!nodes.empty())
-        log::info("[NodeSelector] final sorted and random node results:\n" + text);
+        log::debug("[NodeSelector] final sorted and random node results:\n" + text);
 }
 
 }  // namespace lmkit

@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include <unordered_set>
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/foundation/UserDefaults.hpp"
 #include "lmkit/netinfo/IPAddressString.hpp"
@@ -17,40 +18,23 @@
 #include "lmkit/nodes/DelayStatistics.hpp"
 #include "lmkit/nodes/ProbePacing.hpp"
 #include "lmkit/nodes/ProbePacket.hpp"
-#include "lmkit/nodes/ShareStorer.hpp"
 #include "lmkit/platform/Clock.hpp"
 #include "lmkit/platform/Localized.hpp"
+#include "nodes/NodeSelectorShared.hpp"
 
 namespace lmkit {
 
-namespace {
-
-// A fixed time-out given to the explicit initialiser that is not above 0 becomes this.
-constexpr double kDefaultTestPingTimeout = 2.5;
-constexpr long kDefaultSendPacketCount = 5;
-// The delay of a key without any usable reply: far above every delay ceiling, so it scores 0.
-constexpr double kFallbackDelay = 1000;
-
-Error emptyNodesError() {
-    return Error::withDescription(NodeSelector::kErrorDomain, NodeSelector::kErrorEmptyNodes,
-                                  localizedString(NodeSelector::kEmptyNodesKey));
-}
-
-std::string formatNumber(const std::optional<Number>& n) {
-    return n ? n->description() : "null";
-}
-
-}  // namespace
+using namespace node_selector;
 
 // The socket's delegate. The socket holds it weakly and it holds the selector weakly, so neither
 // keeps the other alive; dropping it (closeUdpSocket) silences the socket at once.
 class NodeSelector::SocketEvents : public UdpSocketDelegate {
   public:
     explicit SocketEvents(std::weak_ptr<NodeSelector> owner) : owner_(std::move(owner)) {}
-    void udpSocketDidReceiveData(UdpSocket& socket, const std::vector<uint8_t>& data,
-                                 const SocketAddress& address) override {
+    void udpSocketDidReceiveDatagrams(UdpSocket& socket,
+                                      const std::vector<Datagram>& datagrams) override {
         if (auto owner = owner_.lock())
-            owner->didReceiveData(socket, data, address);
+            owner->didReceiveDatagrams(socket, datagrams);
     }
     void udpSocketDidNotSendData(UdpSocket& socket, long tag, const Error& error) override {
         if (auto owner = owner_.lock())
@@ -395,7 +379,9 @@ void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
                          std::shared_ptr<AccConfig> accConfig) {
     keys_.clear();
     entries_.clear();
+    scoringSettings_ = ScoringSettings::current();
     auto servers = std::make_shared<std::vector<std::string>>();
+    std::unordered_set<std::string> seen;
     long probePort = port();
     for (const auto& node : nodes) {
         if (!node)
@@ -406,7 +392,7 @@ void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
         if (inserted)
             keys_.push_back(key);
         it->second.nodes.push_back(node);
-        if (std::find(servers->begin(), servers->end(), server) == servers->end())
+        if (seen.insert(server).second)
             servers->push_back(server);
     }
 
@@ -420,6 +406,8 @@ void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
         if (sendGroupPacketTimer_)
             sendGroupPacketTimer_->invalidate();
         accConfig_ = std::move(accConfig);
+        lateReplies_ = 0;
+        duplicateReplies_ = 0;
         counterOfComputedDelay_ = 0;
         currentSendingGroupIndex_ = 0;
         sendedPacketNumber_ = 0;
@@ -451,450 +439,6 @@ void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
     if (!startLine.empty())
         log::info(startLine);
     sendPacketsDataByGroup(generation);
-}
-
-// Sending.
-
-bool NodeSelector::sendOneProbe(const std::shared_ptr<UdpSocket>& socket, const std::string& host,
-                                long tag) {
-    std::string payload;
-    uint16_t destination;
-    {
-        std::lock_guard guard(mutex_);
-        if (firstPacketTimeStamp_ == 0)
-            firstPacketTimeStamp_ = static_cast<double>(Clock::nowMilliseconds());
-        payload = probe::makeProbePayload(sendDataPrefix_, firstPacketTimeStamp_,
-                                          Clock::nowMilliseconds());
-        destination = static_cast<uint16_t>(port_ == 0 ? probe::kDefaultProbePort : port_);
-    }
-    // A refused send comes back as a did-not-send event; the probe still counts as handed over.
-    socket->sendData(payload, host, destination, tag);
-    std::lock_guard guard(mutex_);
-    setSendedPacketNumber(sendedPacketNumber_ + 1);
-    return true;
-}
-
-void NodeSelector::sendDataToPingServer(const std::string& host, long repeatTime) {
-    auto socket = udpSocket();
-    if (!socket)
-        return;
-    for (long i = 0; i < repeatTime; ++i)
-        sendOneProbe(socket, host, i);
-}
-
-void NodeSelector::sendPacketsDataByGroup(std::uint64_t generation) {
-    for (;;) {
-        double began = Clock::nowSeconds();
-        std::shared_ptr<const std::vector<std::string>> servers;
-        std::shared_ptr<UdpSocket> socket;
-        long count, groups, index;
-        double interval;
-        {
-            std::lock_guard guard(mutex_);
-            if (generation != generation_ || !uniquePingServers_ || !udpSocket_)
-                return;
-            servers = uniquePingServers_;
-            socket = udpSocket_;
-            count = sendPacketCount_;
-            groups = sendPacketGroupCount_;
-            index = currentSendingGroupIndex_;
-            interval = sendGroupPacketInternval_;
-        }
-        const long n = static_cast<long>(servers->size());
-        const long total = count * n;
-        long lastIndex = total;  // one burst leaves nothing for a later tick
-        if (groups <= 1) {
-            for (const auto& server : *servers)
-                for (long i = 0; i < count; ++i)
-                    sendOneProbe(socket, server, i);
-        } else {
-            const long perGroup = pacing::probesPerGroup(total, groups, n);
-            if (index * perGroup >= total)
-                return;
-            // Round-robin: one probe per server per pass, so a slow group never starves a server.
-            for (long j = 0; j < perGroup; ++j) {
-                long i = j + index * perGroup;
-                if (i >= total)
-                    break;
-                sendOneProbe(socket, (*servers)[static_cast<std::size_t>(i % n)], i / n);
-                lastIndex = i;
-            }
-        }
-        {
-            std::lock_guard guard(mutex_);
-            if (generation != generation_)
-                return;
-            ++currentSendingGroupIndex_;
-            costTimeOfSendPackets_ += Clock::nowSeconds() - began;
-            // Nothing remains after the last index: no further tick is needed.
-            if (lastIndex + 1 >= total)
-                return;
-            if (interval > 0) {
-                if (sendGroupPacketTimer_)
-                    sendGroupPacketTimer_->invalidate();
-                sendGroupPacketTimer_ = WeakTimer::scheduledTimer<NodeSelector>(
-                    interval, weak_from_this(),
-                    [generation](NodeSelector& self, WeakTimer&) {
-                        self.sendPacketsDataByGroup(generation);
-                    },
-                    false, sendPacketQueue_);
-                return;
-            }
-        }
-    }
-}
-
-void NodeSelector::setSendedPacketNumber(long value) {
-    sendedPacketNumber_ = value;
-    long total =
-        sendPacketCount_ * static_cast<long>(uniquePingServers_ ? uniquePingServers_->size() : 0);
-    long status = computingStatus_.load();
-    if (value < 1 || total < 1 || value != total ||
-        (status != kStatusIdle && status != kStatusComputing))
-        return;
-    if (packetRecvTimer_)
-        packetRecvTimer_->invalidate();
-    if (mode_ == kModeBestNode || mode_ == kModeTestMultipath)
-        log::info("[NodeSelector] All packets sent, start recv timer");
-    std::uint64_t generation = generation_;
-    packetRecvTimer_ = WeakTimer::scheduledTimer<NodeSelector>(
-        packetReceiveTimeout_, weak_from_this(),
-        [generation](NodeSelector& self, WeakTimer&) {
-            self.packetReceiveTimeoutHandler(generation);
-        },
-        false, dataProcessQueue_);
-}
-
-void NodeSelector::setIsIPV6(bool value) {
-    bool old = isIPV6_;
-    isIPV6_ = value;
-    if (!old && value && (mode_ == kModeBestNode || mode_ == kModeTestMultipath))
-        log::info("[NodeSelector] Detected IPV6 environment");
-}
-
-// Receiving.
-
-void NodeSelector::didReceiveData(UdpSocket& socket, const std::vector<std::uint8_t>& data,
-                                  const SocketAddress& address) {
-    if (computingStatus_.load() == kStatusTimedOut)
-        return;
-    std::string prefix;
-    double first;
-    std::uint64_t generation;
-    {
-        std::lock_guard guard(mutex_);
-        if (udpSocket_.get() != &socket)
-            return;  // a socket already replaced or closed
-        prefix = sendDataPrefix_;
-        first = firstPacketTimeStamp_;
-        generation = generation_;
-    }
-    auto decision =
-        probe::decideProbeReply(data.data(), data.size(), prefix, first, Clock::nowMilliseconds(),
-                                address.host, address.port, address.family);
-    switch (decision.action) {
-        case probe::ReplyDecision::Action::Drop:
-            return;
-        case probe::ReplyDecision::Action::InvalidPacket:
-            log::warning("[NodeSelector] Invalid response packet: " + decision.text);
-            return;
-        case probe::ReplyDecision::Action::InvalidTimestamp:
-            log::warning("[NodeSelector] Invalid response timestamp: " + decision.text);
-            return;
-        case probe::ReplyDecision::Action::Record:
-            break;
-    }
-    long expected = kStatusIdle;
-    computingStatus_.compare_exchange_strong(expected, kStatusComputing);
-    if (decision.fromIPv6) {
-        std::lock_guard guard(mutex_);
-        setIsIPV6(true);
-    }
-    const double delay = decision.delay;
-    std::string key = probe::constructKeyWithHost(decision.host, decision.port);
-    dataProcessQueue_.async([weak = weak_from_this(), generation, delay, key = std::move(key)] {
-        if (auto self = weak.lock())
-            self->recordDelay(generation, delay, key);
-    });
-}
-
-void NodeSelector::computeDelay(double delay, const std::string& host, long port) {
-    std::uint64_t generation;
-    {
-        std::lock_guard guard(mutex_);
-        generation = generation_;
-    }
-    std::string key = probe::constructKeyWithHost(host, port);
-    dataProcessQueue_.async([weak = weak_from_this(), generation, delay, key = std::move(key)] {
-        if (auto self = weak.lock())
-            self->recordDelay(generation, delay, key);
-    });
-}
-
-void NodeSelector::recordDelay(std::uint64_t generation, double delay, const std::string& key) {
-    long count;
-    {
-        std::lock_guard guard(mutex_);
-        if (generation != generation_)
-            return;
-        count = sendPacketCount_;
-    }
-    // Once the run has reported, its nodes belong to the caller: late echoes change nothing.
-    if (computingStatus_.load() == kStatusFinished)
-        return;
-    auto found = entries_.find(key);
-    if (found == entries_.end())
-        return;
-    auto& entry = found->second;
-    entry.delays.push_back(delay);
-    ++entry.receivedCount;
-    if (static_cast<long>(entry.delays.size()) == count)
-        computeScoreOfObjectInDelayContainerWithKey(key, entry);
-}
-
-// Scoring.
-
-void NodeSelector::computeScoreOfObjectInDelayContainerWithKey(const std::string& key,
-                                                               KeyEntry& entry) {
-    (void)key;
-    long delayMode, count;
-    bool rear;
-    std::shared_ptr<AccConfig> config;
-    {
-        std::lock_guard guard(mutex_);
-        delayMode = delayMode_;
-        count = sendPacketCount_;
-        rear = enableRearDelay_;
-        config = accConfig_;
-    }
-    std::optional<double> d;
-    if (delayMode == kDelayModeMin)
-        d = DelayStatistics::minOfNumbers(entry.delays);
-    else if (delayMode == kDelayModeAvg)
-        d = DelayStatistics::computeAvgOfNumbers(entry.delays);
-    if (!d || !(*d > 0))
-        d = kFallbackDelay;
-    const float loss = static_cast<float>(count - entry.receivedCount) / static_cast<float>(count);
-    const double minimum = DelayStatistics::minOfNumbers(entry.delays).value_or(0);
-    const double maximum = DelayStatistics::maxOfNumbers(entry.delays);
-    const double average = DelayStatistics::calculateAverageOfNumbers(entry.delays);
-    for (const auto& node : entry.nodes) {
-        double scored = *d;
-        if (rear) {
-            float rearDelay = node->rearDelay ? node->rearDelay->floatValue() : 0.0f;
-            scored = static_cast<double>(static_cast<float>(*d) + rearDelay);
-        }
-        node->delayScore = AccNode::computeScoreOfDelay(Number(scored), config).doubleValue();
-        node->lossScore =
-            AccNode::computeScoreOfLoss(Number(static_cast<double>(loss)), config).doubleValue();
-        node->loadScore = node->computeScoreOfLoadReferToAccConfig(config).doubleValue();
-        node->ispScore = node->computeScoreOfISPReferToAccConfig(config).doubleValue();
-        node->delay = *d;
-        node->minDelay = minimum;
-        node->maxDelay = maximum;
-        node->avgDelay = average;
-        node->loss = static_cast<double>(loss);
-    }
-    entry.scored = true;
-    long counter;
-    {
-        std::lock_guard guard(mutex_);
-        counter = counterOfComputedDelay_;
-    }
-    setCounterOfComputedDelay(counter + 1);
-}
-
-void NodeSelector::setCounterOfComputedDelay(long value) {
-    std::uint64_t generation;
-    bool complete;
-    {
-        std::lock_guard guard(mutex_);
-        counterOfComputedDelay_ = value;
-        complete = keyCount_ != 0 && static_cast<std::size_t>(value) == keyCount_;
-        generation = generation_;
-    }
-    if (complete)
-        finishRun(generation);
-}
-
-void NodeSelector::packetReceiveTimeoutHandler(std::uint64_t generation) {
-    long status;
-    {
-        std::lock_guard guard(mutex_);
-        if (generation != generation_)
-            return;
-        bool logs = mode_ == kModeBestNode || mode_ == kModeTestMultipath;
-        long total = sendPacketCount_ *
-                     static_cast<long>(uniquePingServers_ ? uniquePingServers_->size() : 0);
-        if (logs) {
-            log::info(
-                fmt::format("[NodeSelector] Start timeout handler，sent packets count:{}, "
-                            "time:{:.1f}ms",
-                            sendedPacketNumber_, costTimeOfSendPackets_ * 1000));
-        }
-        if (sendedPacketNumber_ < total) {
-            if (logs) {
-                log::info(
-                    fmt::format("[NodeSelector] Packet sent {}/{}, waiting for all packets sent...",
-                                sendedPacketNumber_, total));
-            }
-            return;
-        }
-        status = computingStatus_.load();
-        if (status == kStatusComputing)
-            computingStatus_ = kStatusTimedOut;
-        if (status == kStatusIdle) {
-            log::info(std::string("[NodeSelector] ") + kTimeoutDescription);
-            error_ = Error::withDescription(kErrorDomain, kErrorTimeout, kTimeoutDescription);
-        }
-    }
-    if (status == kStatusIdle) {
-        callFailureBlockIfNeeded();
-        return;
-    }
-    if (status != kStatusComputing)
-        return;
-    // Keys still waiting for replies are scored first, so that the run completes exactly when
-    // every key has a score; a complete key scored again would give the same values.
-    std::vector<std::string> order;
-    order.reserve(keys_.size());
-    for (const auto& key : keys_)
-        if (!entries_[key].scored)
-            order.push_back(key);
-    for (const auto& key : keys_)
-        if (entries_[key].scored)
-            order.push_back(key);
-    for (const auto& key : order) {
-        if (computingStatus_.load() == kStatusFinished)
-            break;
-        auto& entry = entries_[key];
-        if (entry.receivedCount == 0)
-            log::info("[NodeSelector] All packets lost node: " + key);
-        computeScoreOfObjectInDelayContainerWithKey(key, entry);
-    }
-}
-
-// Completion.
-
-void NodeSelector::finishRun(std::uint64_t generation) {
-    long mode, delayMode, count;
-    bool rear;
-    std::shared_ptr<AccConfig> config;
-    long probePort;
-    {
-        std::lock_guard guard(mutex_);
-        if (generation != generation_)
-            return;
-        computingStatus_ = kStatusFinished;
-        if (packetRecvTimer_)
-            packetRecvTimer_->invalidate();
-        mode = mode_;
-        delayMode = delayMode_;
-        count = sendPacketCount_;
-        rear = enableRearDelay_;
-        config = accConfig_;
-        probePort = port_ == 0 ? probe::kDefaultProbePort : port_;
-    }
-    Nodes all;
-    for (const auto& key : keys_)
-        for (const auto& node : entries_[key].nodes)
-            all.push_back(node);
-    sortAndLogNodes(all);
-    std::optional<Number> gap;
-    if (mode != kModeTestMultipath)
-        gap = ShareStorer::sharedInstance().scoreRangeGap();
-    Nodes chosen = chooseBestNodes(all, mode, gap);
-    auto best = chosen.empty() ? nullptr : chosen.front();
-
-    std::string bestKey;
-    const KeyEntry* entry = nullptr;
-    if (best) {
-        bestKey = probe::constructKeyWithHost(best->safePingServer(), probePort);
-        auto found = entries_.find(bestKey);
-        if (found != entries_.end())
-            entry = &found->second;
-    }
-    static const std::vector<double> kNoDelays;
-    const auto& delays = entry ? entry->delays : kNoDelays;
-    std::optional<double> delay;
-    if (delayMode == kDelayModeMin)
-        delay = DelayStatistics::minOfNumbers(delays);
-    else if (delayMode == kDelayModeAvg)
-        delay = DelayStatistics::computeAvgOfNumbers(delays);
-    if (!delay || !(*delay > 0))
-        delay = kFallbackDelay;
-    if (rear && best) {
-        float rearDelay = best->rearDelay ? best->rearDelay->floatValue() : 0.0f;
-        delay = static_cast<double>(static_cast<float>(*delay) + rearDelay);
-    }
-    long received = entry ? entry->receivedCount : 0;
-    double loss =
-        static_cast<double>(static_cast<float>(count - received) / static_cast<float>(count));
-    if (loss < 0)
-        loss = 0;
-    double deviation = DelayStatistics::computeDeviationOfDelay(delays);
-    {
-        std::lock_guard guard(mutex_);
-        endTime_ = Clock::nowSeconds();
-    }
-    if (mode == kModeBestNode)
-        logBestNodes(chosen, chosen.size(), true);
-
-    std::string configPing = config ? formatNumber(config->ping) : "null";
-    callbackQueue().async([weak = weak_from_this(), generation, chosen = std::move(chosen),
-                           delay = *delay, loss, deviation, bestKey, configPing] {
-        auto self = weak.lock();
-        if (!self)
-            return;
-        BestNodeNotifyBlock success;
-        FailureBlock failure;
-        {
-            std::lock_guard guard(self->mutex_);
-            if (generation != self->generation_)
-                return;  // stopped, or a newer run has taken over the callbacks
-            if (delay == 0) {
-                failure = std::move(self->failureBlock_);
-                self->failureBlock_ = nullptr;
-                self->bestNodeNotifyBlock_ = nullptr;
-                self->error_.reset();
-            } else if (!chosen.empty() && self->bestNodeNotifyBlock_) {
-                success = std::move(self->bestNodeNotifyBlock_);
-                self->bestNodeNotifyBlock_ = nullptr;
-                self->failureBlock_ = nullptr;
-            }
-        }
-        if (delay == 0) {
-            log::info(
-                fmt::format("[NodeSelector] Finish, best node:{} delay is zero, config "
-                            "ping:{}",
-                            bestKey, configPing));
-            if (failure)
-                failure(emptyNodesError());
-        } else if (success) {
-            success(chosen, delay, loss, deviation);
-        }
-    });
-}
-
-void NodeSelector::callFailureBlockIfNeeded() {
-    callbackQueue().async([weak = weak_from_this()] {
-        auto self = weak.lock();
-        if (!self)
-            return;
-        FailureBlock failure;
-        std::optional<Error> error;
-        {
-            std::lock_guard guard(self->mutex_);
-            if (!self->failureBlock_)
-                return;
-            failure = std::move(self->failureBlock_);
-            self->failureBlock_ = nullptr;
-            self->bestNodeNotifyBlock_ = nullptr;
-            error = std::move(self->error_);
-            self->error_.reset();
-        }
-        failure(error.value_or(Error(kErrorDomain, 0)));
-    });
 }
 
 // Socket.
@@ -932,13 +476,16 @@ bool NodeSelector::createUdpSocketIfHasError(std::optional<Error>* error) {
     } else if (type == kInterfaceCellular && !isInterfaceUp()) {
         failure = Error::withDescription(kErrorDomain, kErrorInterfaceDown, kWWANDownDescription);
     } else if (type == kInterfaceCellular) {
-        ok = socket->bindToPort(0, kCellularInterfaceName, &failure) &&
-             socket->beginReceiving(&failure);
+        // The same naming decides whether cellular is valid and which interface is bound: on
+        // Linux the cellular link is whatever the naming says (wwan0, say), not "pdp_ip0".
+        const std::string cellular =
+            VPNNetworkStatusMonitor::sharedMonitor().interfaceNaming().cellularInterface();
+        ok = socket->bindToPort(0, cellular, &failure) && socket->beginReceiving(&failure);
         // The cellular address alone does not choose the way out here: a host sends from any of
         // its addresses along the preferred route, usually Wi-Fi's. Pinning the socket to the
         // interface sends the probes over cellular, which is what they are meant to measure.
         if (ok)
-            pinToInterface(socket, kCellularInterfaceName);
+            pinToInterface(socket, cellular);
     } else {
         // Wi-Fi is checked but not pinned: the default route already leaves through it.
         ok = socket->bindToPort(0, &failure) && socket->beginReceiving(&failure);

@@ -19,9 +19,8 @@ std::string constructKeyWithHost(std::string_view host, long port) {
 }
 
 std::string makeProbePayload(std::string_view prefix, double firstPacketTimeStamp,
-                             std::int64_t nowMilliseconds) {
-    auto stamp =
-        static_cast<std::int64_t>(static_cast<double>(nowMilliseconds) - firstPacketTimeStamp);
+                             double nowMilliseconds) {
+    auto stamp = static_cast<std::int64_t>(nowMilliseconds - firstPacketTimeStamp);
     std::string payload(prefix);
     payload += std::to_string(stamp);
     return payload;
@@ -147,7 +146,7 @@ ProbeReply parseProbeReply(const std::uint8_t* data, std::size_t size, std::stri
 }
 
 ReplyDecision decideProbeReply(const std::uint8_t* data, std::size_t size, std::string_view prefix,
-                               double firstPacketTimeStamp, std::int64_t nowMilliseconds,
+                               double firstPacketTimeStamp, double nowMilliseconds,
                                const std::string& sourceHost, long sourcePort, int family) {
     ReplyDecision decision;
     auto reply = parseProbeReply(data, size, prefix);
@@ -164,7 +163,7 @@ ReplyDecision decideProbeReply(const std::uint8_t* data, std::size_t size, std::
         case ProbeReply::Status::Accepted:
             break;
     }
-    double delay = static_cast<double>(nowMilliseconds) - (reply.stamp + firstPacketTimeStamp);
+    double delay = nowMilliseconds - (reply.stamp + firstPacketTimeStamp);
     // A negative delay is a stamp of a later run or a clock step; a stamp so large that the
     // difference is no number at all is neither a delay.
     if (!(delay >= 0) || !std::isfinite(delay))
@@ -175,6 +174,7 @@ ReplyDecision decideProbeReply(const std::uint8_t* data, std::size_t size, std::
     decision.delay = delay;
     decision.port = sourcePort;
     decision.host = sourceHost;
+    decision.sourceHost = sourceHost;
     if (family == AF_INET6) {
         decision.fromIPv6 = true;
         if (auto v4 = ipaddress::convert2IPV4Address(sourceHost))

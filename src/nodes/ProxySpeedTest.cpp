@@ -8,11 +8,11 @@
 
 #include <fmt/format.h>
 
-#include "MeasureClock.hpp"
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/netinfo/IPAddressString.hpp"
 #include "lmkit/netinfo/VPNNetworkStatusMonitor.hpp"
 #include "lmkit/nodes/ProbePacket.hpp"
+#include "lmkit/platform/Clock.hpp"
 #include "lmkit/platform/Localized.hpp"
 
 namespace lmkit {
@@ -52,10 +52,9 @@ void putBigEndian32(std::vector<std::uint8_t>& out, std::size_t at, std::uint32_
 class ProxySpeedTest::SocketEvents : public UdpSocketDelegate {
   public:
     explicit SocketEvents(std::weak_ptr<ProxySpeedTest> owner) : owner_(std::move(owner)) {}
-    void udpSocketDidReceiveData(UdpSocket&, const std::vector<uint8_t>& data,
-                                 const SocketAddress& address) override {
+    void udpSocketDidReceiveData(UdpSocket&, const Datagram& datagram) override {
         if (auto owner = owner_.lock())
-            owner->didReceiveData(data, address);
+            owner->didReceiveData(datagram);
     }
     void udpSocketDidClose(UdpSocket& socket, const std::optional<Error>& error) override {
         if (auto owner = owner_.lock())
@@ -255,6 +254,10 @@ void ProxySpeedTest::startTest(std::uint64_t generation, std::shared_ptr<Callbac
         targetAddress_ = std::move(targetAddress);
         targetPort_ = targetPort;
         sentPacketNumber_ = 0;
+        sentStamps_.clear();
+        answeredStamps_.clear();
+        lateReplies_ = 0;
+        duplicateReplies_ = 0;
         // firstPacketTimeStamp_ stays: a later test on this object keeps the first one's origin.
     }
     delaysContainer_.removeAllObjects();
@@ -306,14 +309,18 @@ void ProxySpeedTest::sendDataToHost(const std::string& host, std::int64_t port,
     {
         std::lock_guard guard(mutex_);
         if (firstPacketTimeStamp_ == 0)
-            firstPacketTimeStamp_ = measure::nowMilliseconds();
+            firstPacketTimeStamp_ = Clock::nowMilliseconds();
         origin = firstPacketTimeStamp_;
         socket = udpSocket_;
     }
     bool allSent = false;
     for (std::int64_t i = 0; i < repeatTime; ++i) {
-        auto stamp = static_cast<std::int64_t>(measure::nowMilliseconds() - origin);
+        auto stamp = static_cast<std::int64_t>(Clock::nowMilliseconds() - origin);
         std::string text = std::to_string(stamp);
+        {
+            std::lock_guard guard(mutex_);
+            ++sentStamps_[stamp];
+        }
         auto datagram = socksifyWithData(std::vector<std::uint8_t>(text.begin(), text.end()));
         if (datagram && socket)
             socket->sendData(*datagram, host, static_cast<std::uint16_t>(port & 0xFFFF),
@@ -455,13 +462,15 @@ void ProxySpeedTest::stopPacketRecvTimeoutTimer() {
 
 // Receiving.
 
-void ProxySpeedTest::didReceiveData(const std::vector<std::uint8_t>& data,
-                                    const SocketAddress& address) {
+void ProxySpeedTest::didReceiveData(const Datagram& datagram) {
+    const auto& address = datagram.source;
     std::string replyHost;
     std::uint16_t replyPort = 0;
-    auto payload = unsocksifyWithData(data, &replyHost, &replyPort);
+    auto payload = unsocksifyWithData(datagram.data, &replyHost, &replyPort);
     if (computingStatus_.load() == kStatusTimedOut) {
         log::error("because udp has timeout, stop recv.");
+        if (payload)
+            lateReplies_.fetch_add(1);
         return;
     }
     if (!payload || payload->empty())
@@ -478,12 +487,20 @@ void ProxySpeedTest::didReceiveData(const std::vector<std::uint8_t>& data,
         log::error(fmt::format("invalid time({}) from server", text));
         return;
     }
-    double delay = measure::nowMilliseconds() - (stamp + firstPacketTimeStamp());
+    // The kernel's arrival stamp where there is one, not the moment this queue read it.
+    double delay = datagram.receiveTime - (stamp + firstPacketTimeStamp());
     if (delay < 0)
         return;
     if (address.host.empty() || address.port == 0) {
         log::error("host and port id invalid");
         return;
+    }
+    {
+        // A path that duplicates datagrams: counted beside the loss, as ping(8) counts them.
+        std::lock_guard guard(mutex_);
+        auto echoed = static_cast<std::int64_t>(stamp);
+        if (++answeredStamps_[echoed] > sentStamps_[echoed])
+            duplicateReplies_.fetch_add(1);
     }
     long idle = kStatusIdle;
     computingStatus_.compare_exchange_strong(idle, kStatusReceiving);

@@ -4,11 +4,11 @@
 
 #include <fmt/format.h>
 
-#include "MeasureClock.hpp"
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/netinfo/IPAddressString.hpp"
 #include "lmkit/netinfo/VPNNetworkStatusMonitor.hpp"
 #include "lmkit/nodes/ProbePacket.hpp"
+#include "lmkit/platform/Clock.hpp"
 
 namespace lmkit {
 
@@ -25,11 +25,10 @@ std::string describeOptional(const std::optional<Error>& error) {
 class SimplePinger::SocketEvents : public UdpSocketDelegate {
   public:
     explicit SocketEvents(std::weak_ptr<SimplePinger> owner) : owner_(std::move(owner)) {}
-    void udpSocketDidReceiveData(UdpSocket&, const std::vector<uint8_t>& data,
-                                 const SocketAddress&) override {
+    void udpSocketDidReceiveData(UdpSocket&, const Datagram& datagram) override {
         // The source address is not examined: one pinger talks to one endpoint.
         if (auto owner = owner_.lock())
-            owner->didReceiveData(data);
+            owner->didReceiveData(datagram);
     }
     void udpSocketDidNotSendData(UdpSocket&, long tag, const Error& error) override {
         if (auto owner = owner_.lock())
@@ -256,7 +255,12 @@ bool SimplePinger::send() {
     }
     if (!node || node->address.empty())
         return false;
-    auto stamp = static_cast<std::int64_t>(measure::nowMilliseconds() - origin);
+    auto stamp = static_cast<std::int64_t>(Clock::nowMilliseconds() - origin);
+    {
+        std::lock_guard guard(mutex_);
+        outstandingStamp_ = stamp;
+        lastSentStamp_ = stamp;
+    }
     // The whole datagram is the stamp in decimal digits: no header, no terminator.
     std::string payload = std::to_string(stamp);
     if (socket) {
@@ -276,6 +280,11 @@ void SimplePinger::startTimeoutChecker() {
 }
 
 void SimplePinger::timeoutHandler() {
+    {
+        // The datagram is lost for this measurement; an echo of it from now on is late.
+        std::lock_guard guard(mutex_);
+        outstandingStamp_.reset();
+    }
     callFailureBlockWithError(
         Error::withDescription(kErrorDomain, kErrorTimeout, kTimeoutDescription));
 }
@@ -338,8 +347,8 @@ void SimplePinger::callFailureBlockWithError(std::optional<Error> error) {
 
 // Socket events.
 
-void SimplePinger::didReceiveData(const std::vector<std::uint8_t>& data) {
-    std::string text(data.begin(), data.end());
+void SimplePinger::didReceiveData(const Datagram& datagram) {
+    std::string text(datagram.data.begin(), datagram.data.end());
     if (text.empty() || !probe::isValidUtf8(text))
         return;
     if (!ipaddress::isAllDigits(text)) {
@@ -351,10 +360,27 @@ void SimplePinger::didReceiveData(const std::vector<std::uint8_t>& data) {
         log::error(fmt::format("invalid time({}) from server", text));
         return;
     }
-    double delay = measure::nowMilliseconds() - (stamp + firstPacketTimeStamp());
+    // The arrival time is the kernel's stamp where there is one: time this process took to get
+    // round to the datagram is not network delay.
+    double delay = datagram.receiveTime - (stamp + firstPacketTimeStamp());
     // An echo stamped later than our clock says is not a measurement.
     if (delay < 0)
         return;
+    {
+        std::lock_guard guard(mutex_);
+        auto echoed = static_cast<std::int64_t>(stamp);
+        if (outstandingStamp_ != echoed) {
+            // Not the datagram the pending measurement waits for: an echo of one already answered
+            // is a duplicate, one of an earlier datagram is late. Neither is this round's delay.
+            if (answeredStamp_ == echoed)
+                duplicateReplies_.fetch_add(1);
+            else if (lastSentStamp_ && echoed <= *lastSentStamp_)
+                lateReplies_.fetch_add(1);
+            return;
+        }
+        outstandingStamp_.reset();
+        answeredStamp_ = echoed;
+    }
     callSuccessBlockWithDelay(delay);
     invalidateTimeoutTimer();
 }

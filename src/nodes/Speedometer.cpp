@@ -78,10 +78,9 @@ Error speedometerError(long code, std::string description) {
 class Speedometer::SocketEvents : public UdpSocketDelegate {
   public:
     explicit SocketEvents(std::weak_ptr<Speedometer> owner) : owner_(std::move(owner)) {}
-    void udpSocketDidReceiveData(UdpSocket&, const std::vector<uint8_t>& data,
-                                 const SocketAddress&) override {
+    void udpSocketDidReceiveData(UdpSocket&, const Datagram& datagram) override {
         if (auto owner = owner_.lock())
-            owner->didReceive(data);
+            owner->didReceive(datagram.data);
     }
     void udpSocketDidNotSendData(UdpSocket&, long tag, const Error& error) override {
         // A packet that did not leave simply gets no echo and counts as lost; the round goes on.

@@ -8,31 +8,40 @@ namespace lmkit {
 
 namespace {
 std::mutex gMutex;
-std::function<std::int64_t()> gSource;  // guarded by gMutex
+std::function<double()> gSource;  // guarded by gMutex
 std::atomic<bool> gInjected{false};
 }  // namespace
 
-std::int64_t Clock::nowMilliseconds() {
+double Clock::nowMilliseconds() {
     if (gInjected.load(std::memory_order_acquire)) {
         std::lock_guard lock(gMutex);
         if (gSource)
             return gSource();
     }
+    // Whole nanoseconds first: a double of milliseconds since 1970 still resolves 0.25 us.
     using namespace std::chrono;
-    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+    auto ns = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
+    return static_cast<double>(ns / 1000000) + static_cast<double>(ns % 1000000) / 1e6;
 }
 
 double Clock::nowSeconds() {
-    if (gInjected.load(std::memory_order_acquire))
-        return nowMilliseconds() / 1000.0;
-    using namespace std::chrono;
-    return duration<double>(system_clock::now().time_since_epoch()).count();
+    return nowMilliseconds() / 1000.0;
 }
 
-void Clock::setNowForTesting(std::function<std::int64_t()> source) {
+double Clock::millisecondsFromRealtime(long long seconds, long nanoseconds) {
+    if (gInjected.load(std::memory_order_acquire))
+        return nowMilliseconds();
+    return static_cast<double>(seconds) * 1000.0 + static_cast<double>(nanoseconds) / 1e6;
+}
+
+void Clock::setNowForTesting(std::function<double()> source) {
     std::lock_guard lock(gMutex);
     gSource = std::move(source);
     gInjected.store(static_cast<bool>(gSource), std::memory_order_release);
+}
+
+bool Clock::isInjected() {
+    return gInjected.load(std::memory_order_acquire);
 }
 
 }  // namespace lmkit

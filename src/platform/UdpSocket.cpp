@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -23,6 +24,7 @@
 #include <asio/post.hpp>
 #include <asio/strand.hpp>
 
+#include "lmkit/platform/Clock.hpp"
 #include "lmkit/platform/InterfaceAddresses.hpp"
 #include "platform/ThreadPool.hpp"
 
@@ -37,6 +39,29 @@ constexpr int kBatchesPerWakeup = 16;
 // How long a send waits for room in a full send buffer before reporting EAGAIN: long enough
 // for the kernel to drain a burst, short enough not to stall the sending queue.
 constexpr int kSendBufferWaitMilliseconds = 200;
+// Datagrams handed to the kernel per sendmmsg call (the kernel's own cap is UIO_MAXIOV).
+constexpr unsigned kSendBatch = 1024;
+// Room for one SCM_TIMESTAMPNS control message per received datagram.
+constexpr size_t kControlBytes = CMSG_SPACE(sizeof(timespec));
+
+// Asks the kernel to stamp every datagram on arrival. Without it the receive time is whatever the
+// clock says when a pool thread gets round to reading, which a busy process inflates.
+bool enableReceiveTimestamps(int fd) {
+    int on = 1;
+    return setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on) == 0;
+}
+
+std::optional<double> kernelReceiveTime(const msghdr& header) {
+    for (const cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr;
+         c = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(c))) {
+        if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS) {
+            timespec stamp{};
+            std::memcpy(&stamp, CMSG_DATA(c), sizeof stamp);
+            return Clock::millisecondsFromRealtime(stamp.tv_sec, stamp.tv_nsec);
+        }
+    }
+    return std::nullopt;
+}
 
 Error posixError(int code) {
     return Error::withDescription(UdpSocket::kPosixErrorDomain, code,
@@ -142,10 +167,15 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
     // Strand only.
     std::optional<asio::posix::stream_descriptor> descriptor;
     bool receiving = false;
+    bool waitQueued = false;  // an async_wait for readability is outstanding
     std::vector<uint8_t> receiveBuffer;
     std::array<mmsghdr, kReceiveBatch> messages{};
     std::array<iovec, kReceiveBatch> vectors{};
     std::array<sockaddr_storage, kReceiveBatch> sources{};
+    struct alignas(cmsghdr) Control {
+        char bytes[kControlBytes];
+    };
+    std::array<Control, kReceiveBatch> controls{};
 
     std::atomic<bool> closed{false};
 
@@ -171,6 +201,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
     std::mutex resolveMutex;
     std::map<std::string, Resolution> resolutions;  // guarded by resolveMutex
 
+    std::atomic<std::uint64_t> sendCalls{0};
     std::atomic<int> injectedFailures{0};
     std::atomic<int> injectedErrno{0};
 
@@ -285,6 +316,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         socklen_t boundLength = sizeof bound;
         getsockname(newFd, reinterpret_cast<sockaddr*>(&bound), &boundLength);
         enlargeReceiveBuffer(newFd, kDefaultReceiveBufferBytes);
+        enableReceiveTimestamps(newFd);
 
         std::unique_lock lock(fdMutex);
         fd = newFd;
@@ -310,24 +342,52 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
             return;
         receiving = true;
         receiveBuffer.assign(kReceiveBatch * kMaxDatagramBytes, 0);
-        armReceive();
+        receiveLoop();
     }
 
-    void armReceive() {
-        descriptor->async_wait(
-            asio::posix::descriptor_base::wait_read,
-            asio::bind_executor(strand, [weak = weak_from_this()](const std::error_code& ec) {
-                auto self = weak.lock();
-                if (!self || ec || self->closed || !self->descriptor)
-                    return;
-                self->drainSocket();
-                if (!self->closed && self->descriptor)
-                    self->armReceive();
-            }));
+    // Strand only. Asio's reactor watches the descriptor edge-triggered and does not remember an
+    // edge that came while no wait was queued: a datagram that arrives between the last read
+    // (EAGAIN) and the next wait would sit in the kernel until another one came, and a lone
+    // reply would never be read at all. So after queueing the wait, look once more.
+    void receiveLoop() {
+        for (;;) {
+            bool drained = drainSocket();
+            if (closed || !descriptor)
+                return;
+            if (!waitQueued) {
+                waitQueued = true;
+                descriptor->async_wait(asio::posix::descriptor_base::wait_read,
+                                       asio::bind_executor(strand, [weak = weak_from_this()](
+                                                                       const std::error_code& ec) {
+                                           auto self = weak.lock();
+                                           if (!self)
+                                               return;
+                                           self->waitQueued = false;
+                                           if (ec || self->closed || !self->descriptor)
+                                               return;
+                                           self->receiveLoop();
+                                       }));
+            }
+            if (!drained) {
+                // A flood: let other work on the strand (close, perform) run before going on.
+                asio::post(strand, [weak = weak_from_this()] {
+                    if (auto self = weak.lock(); self && !self->closed && self->descriptor)
+                        self->receiveLoop();
+                });
+                return;
+            }
+            pollfd check{fd, POLLIN, 0};
+            if (::poll(&check, 1, 0) <= 0 || (check.revents & POLLIN) == 0)
+                return;
+        }
     }
 
-    // Strand only: takes everything the kernel holds (up to a bound) in batches.
-    void drainSocket() {
+    // Strand only: takes everything the kernel holds (up to a bound) in batches, and hands the
+    // whole wake-up's datagrams to the delegate as one event.
+    // Returns false when it stopped at its bound with datagrams still waiting.
+    bool drainSocket() {
+        bool drained = false;
+        std::vector<Datagram> batch;
         for (int round = 0; round < kBatchesPerWakeup; ++round) {
             for (unsigned i = 0; i < kReceiveBatch; ++i) {
                 vectors[i].iov_base = receiveBuffer.data() + i * kMaxDatagramBytes;
@@ -337,23 +397,35 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
                 messages[i].msg_hdr.msg_iovlen = 1;
                 messages[i].msg_hdr.msg_name = &sources[i];
                 messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_storage);
+                messages[i].msg_hdr.msg_control = controls[i].bytes;
+                messages[i].msg_hdr.msg_controllen = kControlBytes;
                 messages[i].msg_len = 0;
             }
             int count = recvmmsg(fd, messages.data(), kReceiveBatch, MSG_DONTWAIT, nullptr);
-            if (count <= 0)
-                return;  // EAGAIN (drained), EINTR or a transient error: re-arm
+            if (count <= 0) {
+                drained = true;  // EAGAIN (drained), EINTR or a transient error: wait again
+                break;
+            }
+            const double readTime = Clock::nowMilliseconds();
             for (int i = 0; i < count; ++i) {
                 const auto* begin = static_cast<const uint8_t*>(vectors[i].iov_base);
-                std::vector<uint8_t> data(begin, begin + messages[i].msg_len);
-                SocketAddress source = describeSource(sources[i]);
-                enqueue([data = std::move(data), source = std::move(source)](
-                            UdpSocket& socket, UdpSocketDelegate& target) {
-                    target.udpSocketDidReceiveData(socket, data, source);
-                });
+                Datagram datagram;
+                datagram.data.assign(begin, begin + messages[i].msg_len);
+                datagram.source = describeSource(sources[i]);
+                datagram.receiveTime = kernelReceiveTime(messages[i].msg_hdr).value_or(readTime);
+                batch.push_back(std::move(datagram));
             }
-            if (count < static_cast<int>(kReceiveBatch))
-                return;
+            if (count < static_cast<int>(kReceiveBatch)) {
+                drained = true;
+                break;
+            }
         }
+        if (!batch.empty()) {
+            enqueue([batch = std::move(batch)](UdpSocket& socket, UdpSocketDelegate& target) {
+                target.udpSocketDidReceiveDatagrams(socket, batch);
+            });
+        }
+        return drained;
     }
 
     // Strand only.
@@ -400,13 +472,8 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
     }
 
     void sendTo(const uint8_t* data, size_t size, const Destination& destination, long tag) {
-        int remaining = injectedFailures.load();
-        while (remaining > 0 && !injectedFailures.compare_exchange_weak(remaining, remaining - 1)) {
-        }
-        if (remaining > 0) {
-            reportNotSent(tag, posixError(injectedErrno.load()));
+        if (takeInjectedFailure(tag))
             return;
-        }
         if (!ensureBound()) {
             if (!closed)
                 reportNotSent(tag, socketError(kBadConfig, "socket could not be bound"));
@@ -425,6 +492,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         const auto* address = reinterpret_cast<const sockaddr*>(&target.storage);
         for (;;) {
             ssize_t sent = ::sendto(fd, data, size, 0, address, target.length);
+            ++sendCalls;
             if (sent >= 0)
                 return;
             int code = errno;
@@ -437,6 +505,78 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
             }
             reportNotSent(tag, posixError(code));
             return;
+        }
+    }
+
+    // Takes one injected failure, if any is left, and reports it for `tag`.
+    bool takeInjectedFailure(long tag) {
+        int remaining = injectedFailures.load();
+        while (remaining > 0 && !injectedFailures.compare_exchange_weak(remaining, remaining - 1)) {
+        }
+        if (remaining <= 0)
+            return false;
+        reportNotSent(tag, posixError(injectedErrno.load()));
+        return true;
+    }
+
+    // Datagrams to address literals, sent with as few sendmmsg calls as the kernel allows.
+    void sendBatch(const std::vector<const OutgoingDatagram*>& datagrams,
+                   std::vector<Destination>& destinations) {
+        if (datagrams.empty())
+            return;
+        if (!ensureBound()) {
+            if (!closed)
+                for (const auto* datagram : datagrams)
+                    reportNotSent(datagram->tag,
+                                  socketError(kBadConfig, "socket could not be bound"));
+            return;
+        }
+        std::shared_lock lock(fdMutex);
+        if (fd < 0)
+            return;
+        std::vector<mmsghdr> headers(datagrams.size());
+        std::vector<iovec> vectors(datagrams.size());
+        std::vector<long> tags;
+        tags.reserve(datagrams.size());
+        std::size_t used = 0;
+        for (std::size_t i = 0; i < datagrams.size(); ++i) {
+            Destination& target = destinations[i];
+            if (family == AF_INET6 && target.family == AF_INET) {
+                target = mapToIPv6(target);
+            } else if (family == AF_INET && target.family == AF_INET6) {
+                reportNotSent(datagrams[i]->tag, posixError(EAFNOSUPPORT));
+                continue;
+            }
+            auto& payload = datagrams[i]->payload;
+            vectors[used] = {const_cast<char*>(payload.data()), payload.size()};
+            headers[used].msg_hdr = {};
+            headers[used].msg_hdr.msg_name = &target.storage;
+            headers[used].msg_hdr.msg_namelen = target.length;
+            headers[used].msg_hdr.msg_iov = &vectors[used];
+            headers[used].msg_hdr.msg_iovlen = 1;
+            tags.push_back(datagrams[i]->tag);
+            ++used;
+        }
+        std::size_t done = 0;
+        while (done < used) {
+            auto chunk = static_cast<unsigned>(std::min<std::size_t>(used - done, kSendBatch));
+            int sent = ::sendmmsg(fd, headers.data() + done, chunk, 0);
+            ++sendCalls;
+            if (sent > 0) {
+                done += static_cast<std::size_t>(sent);
+                continue;
+            }
+            int code = errno;
+            if (code == EINTR)
+                continue;
+            if (code == EAGAIN || code == EWOULDBLOCK) {
+                pollfd waiter{fd, POLLOUT, 0};
+                if (::poll(&waiter, 1, kSendBufferWaitMilliseconds) > 0)
+                    continue;
+            }
+            // The datagram at the head of the batch is refused; the rest still get their try.
+            reportNotSent(tags[done], posixError(code));
+            ++done;
         }
     }
 
@@ -588,6 +728,36 @@ bool UdpSocket::sendData(const std::vector<uint8_t>& data, const std::string& ho
                     port, tag);
 }
 
+bool UdpSocket::sendDatagrams(const std::vector<OutgoingDatagram>& datagrams) {
+    if (state_->closed)
+        return false;
+    // In slices of one system call's worth, so that a burst of tens of thousands of datagrams
+    // does not need its addresses and headers in memory all at once.
+    std::vector<const OutgoingDatagram*> literal;
+    std::vector<Destination> destinations;
+    literal.reserve(std::min<std::size_t>(datagrams.size(), kSendBatch));
+    destinations.reserve(literal.capacity());
+    for (const auto& datagram : datagrams) {
+        if (state_->takeInjectedFailure(datagram.tag))
+            continue;
+        if (auto destination = parseLiteral(datagram.host, datagram.port)) {
+            literal.push_back(&datagram);
+            destinations.push_back(*destination);
+            if (literal.size() == kSendBatch) {
+                state_->sendBatch(literal, destinations);
+                literal.clear();
+                destinations.clear();
+            }
+        } else {
+            state_->sendToName(
+                std::vector<uint8_t>(datagram.payload.begin(), datagram.payload.end()),
+                datagram.host, datagram.port, datagram.tag);
+        }
+    }
+    state_->sendBatch(literal, destinations);
+    return true;
+}
+
 void UdpSocket::close() {
     state_->shutdown(std::nullopt, true);
 }
@@ -636,6 +806,22 @@ int UdpSocket::setSendBufferSize(int bytes) {
         getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &granted, &length);
     });
     return granted;
+}
+
+std::uint64_t UdpSocket::sendCallCount() const {
+    return state_->sendCalls.load();
+}
+
+std::string UdpSocket::receiveTimestampSource() {
+    static const bool kernel = [] {
+        int probe = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (probe < 0)
+            return false;
+        bool enabled = enableReceiveTimestamps(probe);
+        ::close(probe);
+        return enabled;
+    }();
+    return kernel ? "kernel (SO_TIMESTAMPNS)" : "clock at read time";
 }
 
 void UdpSocket::failNextSendsForTesting(int count, int errnoValue) {

@@ -4,7 +4,6 @@
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/platform/NotificationCenter.hpp"
 #include "lmkit/settings/ENV.hpp"
-#include "lmkit/settings/SettingsHooks.hpp"
 
 namespace lmkit {
 
@@ -43,22 +42,16 @@ constexpr const char* kSpeedTestTasksIDsKey = "ObjectPropertyStoreSpeedTestTasks
 constexpr const char* kSystemAlertNoMoreReminderKey =
     "ObjectPropertyStoreSystemAlertNoMoreReminderKey";
 
-// Any program that links the store has the hooks in place before main (see SettingsHooks.hpp).
-const bool gHooksInstalled = (installSettingsHooks(), true);
-
 }  // namespace
 
 ObjectPropertyStore& ObjectPropertyStore::shared() {
-    static ObjectPropertyStore* store = [] {
-        installSettingsHooks();
-        return new ObjectPropertyStore(UserDefaults::suite(ENV::appGroup()));
-    }();
+    static ObjectPropertyStore* store =
+        new ObjectPropertyStore(UserDefaults::suite(ENV::appGroup()));
     return *store;
 }
 
 ObjectPropertyStore::ObjectPropertyStore(std::shared_ptr<UserDefaults> defaults)
     : userDefault_(std::move(defaults)) {
-    (void)gHooksInstalled;
     dualChannel_ = number(kDualChannelKey);
 }
 

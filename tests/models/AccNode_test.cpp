@@ -82,12 +82,8 @@ TEST(AccNode, PartialScores) {
     EXPECT_EQ(AccNode::computeScoreOfLoss(Number(0.25), config).doubleValue(), 75);
     EXPECT_EQ(AccNode::computeScoreOfLoss(Number(1.5), config).doubleValue(), 0);
     EXPECT_EQ(AccNode::computeScoreOfLoss(Number(-0.1), config).doubleValue(), 0);
-    AccNode::setNewLossScoreEnabledProvider([] { return true; });
-    EXPECT_DOUBLE_EQ(AccNode::computeScoreOfLoss(Number(0.25), config).doubleValue(), 537.5);
-    EXPECT_EQ(AccNode::computeScoreOfLoss(Number(0.8), config).doubleValue(), 0);
-    AccNode::setNewLossScoreEnabledProvider([] { return false; });
-    EXPECT_EQ(AccNode::computeScoreOfLoss(Number(0.25), config).doubleValue(), 75);
-    AccNode::setNewLossScoreEnabledProvider(nullptr);
+    EXPECT_DOUBLE_EQ(AccNode::computeScoreOfLoss(Number(0.25), config, true).doubleValue(), 537.5);
+    EXPECT_EQ(AccNode::computeScoreOfLoss(Number(0.8), config, true).doubleValue(), 0);
 
     auto n = node(R"({"weight":50,"total":100,"online":79})");
     EXPECT_EQ(n->computeScoreOfISPReferToAccConfig(config).doubleValue(), 50);

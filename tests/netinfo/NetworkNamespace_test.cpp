@@ -46,8 +46,9 @@ class NetworkNamespace : public ::testing::Test {
 
 class Collector : public UdpSocketDelegate {
   public:
-    void udpSocketDidReceiveData(UdpSocket&, const std::vector<uint8_t>& data,
-                                 const SocketAddress& from) override {
+    void udpSocketDidReceiveData(UdpSocket&, const Datagram& datagram) override {
+        const auto& data = datagram.data;
+        const auto& from = datagram.source;
         std::lock_guard lock(mutex);
         replies.emplace_back(std::string(data.begin(), data.end()), from.host);
     }

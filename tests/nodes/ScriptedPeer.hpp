@@ -49,8 +49,9 @@ class ScriptedPeer : public UdpSocketDelegate {
         socket_->sendData(data, to.host, to.port, 0);
     }
 
-    void udpSocketDidReceiveData(UdpSocket& socket, const std::vector<uint8_t>& data,
-                                 const SocketAddress& address) override {
+    void udpSocketDidReceiveData(UdpSocket& socket, const Datagram& datagram) override {
+        const auto& data = datagram.data;
+        const auto& address = datagram.source;
         {
             std::lock_guard guard(mutex_);
             received_.push_back(data);

@@ -65,14 +65,6 @@ struct NamingGuard {
     ~NamingGuard() { VPNNetworkStatusMonitor::sharedMonitor().setInterfaceNaming(saved); }
 };
 
-// Runs a test body with a fixed wall clock, restoring the real one afterwards.
-struct FixedClock {
-    explicit FixedClock(std::int64_t ms) {
-        Clock::setNowForTesting([ms] { return ms; });
-    }
-    ~FixedClock() { Clock::setNowForTesting(nullptr); }
-};
-
 }  // namespace
 
 TEST(SimplePinger, MeasuresAnEchoOnceAndReusesItsSocketForTheNextMeasurement) {
@@ -99,10 +91,12 @@ TEST(SimplePinger, MeasuresAnEchoOnceAndReusesItsSocketForTheNextMeasurement) {
     EXPECT_EQ(pinger->udpSocket(), socket);
     EXPECT_EQ(socket->localPort(), localPort);
 
+    ASSERT_TRUE(waitFor([&] { return pinger->duplicateReplyCount() == 2; }));
     pinger->stop();
     std::lock_guard guard(outcome.mutex);
     ASSERT_EQ(outcome.delays.size(), 2u);
     EXPECT_TRUE(outcome.failures.empty());
+    EXPECT_EQ(pinger->lateReplyCount(), 0);
     for (double delay : outcome.delays) {
         EXPECT_GE(delay, 20);
         EXPECT_LT(delay, 1500);
@@ -114,12 +108,12 @@ TEST(SimplePinger, MeasuresAnEchoOnceAndReusesItsSocketForTheNextMeasurement) {
 }
 
 TEST(SimplePinger, SendsTheStampAloneAndComputesTheDelayFromItsOrigin) {
-    constexpr std::int64_t kNow = 1731637946123;
-    FixedClock clock(kNow);
-    // Answers every stamp as if it had been sent 37 ms earlier.
-    auto peer = ScriptedPeer::start([](const std::vector<uint8_t>& data) {
-        return std::vector<std::vector<uint8_t>>{
-            bytes(std::to_string(std::stoll(text(data)) - 37))};
+    std::atomic<double> now{1731637946123.4};
+    Clock::setNowForTesting([&] { return now.load(); });
+    // Echoes every stamp unchanged, 37.25 ms of clock later.
+    auto peer = ScriptedPeer::start([&](const std::vector<uint8_t>& data) {
+        now = now + 37.25;
+        return std::vector<std::vector<uint8_t>>{data};
     });
     auto callbacks = DispatchQueue::serial("test.pinger.callbacks");
     auto pinger =
@@ -127,17 +121,19 @@ TEST(SimplePinger, SendsTheStampAloneAndComputesTheDelayFromItsOrigin) {
     Outcome outcome;
     pinger->testPing(outcome.success(), outcome.failure());
     ASSERT_TRUE(waitFor([&] { return outcome.reports() == 1; }));
+    // Truncated toward zero: the fraction of the send time counts in the delay.
     ASSERT_EQ(text(peer->received().at(0)), "1731637946123");
 
     pinger->setFirstPacketTimeStamp(1731637946000);
     pinger->testPing(outcome.success(), outcome.failure());
     ASSERT_TRUE(waitFor([&] { return outcome.reports() == 2; }));
-    ASSERT_EQ(text(peer->received().at(1)), "123");
+    ASSERT_EQ(text(peer->received().at(1)), "160");
+    Clock::setNowForTesting(nullptr);
 
     std::lock_guard guard(outcome.mutex);
     ASSERT_EQ(outcome.delays.size(), 2u);
-    EXPECT_EQ(outcome.delays[0], 37);
-    EXPECT_EQ(outcome.delays[1], 37);
+    EXPECT_NEAR(outcome.delays[0], 37.25 + 0.4, 1e-3);
+    EXPECT_NEAR(outcome.delays[1], 37.25 + 0.65, 1e-3);
     EXPECT_EQ(outcome.labels[0], "test.pinger.callbacks");
 }
 
@@ -163,23 +159,27 @@ TEST(SimplePinger, MalformedAndFutureEchoesAreIgnoredUntilTheTimeout) {
     EXPECT_FALSE(capture.contains("invalid time("));
 }
 
-TEST(SimplePinger, AnEchoAfterTheTimeoutFindsNoCallback) {
+TEST(SimplePinger, ALateEchoIsCountedLateAndNeverCreditedToTheNextMeasurement) {
+    // Every echo comes 150 ms late against a 100 ms time-out: the first measurement's echo
+    // arrives while the second one waits, and must not pass for the second one's answer.
     EchoFaults faults;
-    faults.lateSeconds = 0.3;
+    faults.lateSeconds = 0.15;
     auto server = echoServer(faults);
     ASSERT_TRUE(server);
     auto pinger =
         SimplePinger::create(0, 0.1, SimplePingNode("127.0.0.1", server->endpoints()[0].port));
     Outcome outcome;
     pinger->testPing(outcome.success(), outcome.failure());
-    ASSERT_TRUE(waitFor([&] { return server->repliesSent() == 1; }));
-    // The late echo has been handed to the pinger's socket; give it the time to be read.
-    ASSERT_TRUE(waitFor([&] { return outcome.reports() >= 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_TRUE(waitFor([&] { return outcome.reports() == 1; }));
+    pinger->testPing(outcome.success(), outcome.failure());
+    ASSERT_TRUE(waitFor([&] { return outcome.reports() == 2; }));
+    ASSERT_TRUE(waitFor([&] { return pinger->lateReplyCount() == 2; }));
+    pinger->stop();
     std::lock_guard guard(outcome.mutex);
     EXPECT_TRUE(outcome.delays.empty());
-    ASSERT_EQ(outcome.failures.size(), 1u);
-    EXPECT_EQ(outcome.failures[0]->code, 2);
+    ASSERT_EQ(outcome.failures.size(), 2u);
+    EXPECT_EQ(outcome.failures[1]->code, 2);
+    EXPECT_EQ(pinger->duplicateReplyCount(), 0);
 }
 
 TEST(SimplePinger, AnEmptyAddressSendsNothingAndNeverReports) {

@@ -24,8 +24,9 @@ struct Reply {
 
 class Collector : public UdpSocketDelegate {
   public:
-    void udpSocketDidReceiveData(UdpSocket&, const std::vector<uint8_t>& data,
-                                 const SocketAddress& from) override {
+    void udpSocketDidReceiveData(UdpSocket&, const Datagram& datagram) override {
+        const auto& data = datagram.data;
+        const auto& from = datagram.source;
         std::lock_guard lock(mutex_);
         replies_.push_back({std::string(data.begin(), data.end()), from});
     }

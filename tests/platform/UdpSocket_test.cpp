@@ -26,8 +26,9 @@ class Recorder : public UdpSocketDelegate {
   public:
     explicit Recorder(DispatchQueue queue, bool echo = false) : queue_(queue), echo_(echo) {}
 
-    void udpSocketDidReceiveData(UdpSocket& socket, const std::vector<uint8_t>& data,
-                                 const SocketAddress& from) override {
+    void udpSocketDidReceiveData(UdpSocket& socket, const Datagram& datagram) override {
+        const auto& data = datagram.data;
+        const auto& from = datagram.source;
         check();
         if (echo_)
             socket.sendData(data, from.host, from.port, 0);

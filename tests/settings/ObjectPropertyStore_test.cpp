@@ -238,28 +238,3 @@ TEST_F(ObjectPropertyStoreTest, OpenAppAlertInfoRefusesMissingPartsAndDamagedArc
     defaults_->setObject(UserDefaults::makeData(gameArchive), "LAST_ACCERLATED_GAME");
     EXPECT_EQ(ObjectPropertyStore(defaults_).lastAcceleratedGame()->gid, "7");
 }
-
-TEST(ObjectPropertyStoreHooks, LossScoreFollowsTheStoredGeneralConfiguration) {
-    // The shared store lives for the process, so its directory does too.
-    static TempDir dir;
-    AppGroup::setContainerDirectoryForTesting(dir.path());
-    auto accConfig = AccConfig::defaultConfig();
-    auto configWith = [](bool enabled) {
-        auto config = std::make_shared<ConfigAPIResponseObject>();
-        config->enableNewLossScore = enabled;
-        return config;
-    };
-    // The app stored the configuration; this process has not touched the shared store yet, yet
-    // scoring already follows it.
-    ObjectPropertyStore(UserDefaults::suite(ENV::appGroup()))
-        .setConfigAPIResponse(configWith(true));
-    EXPECT_DOUBLE_EQ(AccNode::computeScoreOfLoss(Number(0.25), accConfig).doubleValue(), 537.5);
-
-    ObjectPropertyStore::shared().setConfigAPIResponse(configWith(false));
-    EXPECT_EQ(AccNode::computeScoreOfLoss(Number(0.25), accConfig).doubleValue(), 75);
-    ObjectPropertyStore::shared().setConfigAPIResponse(configWith(true));
-    EXPECT_DOUBLE_EQ(AccNode::computeScoreOfLoss(Number(0.25), accConfig).doubleValue(), 537.5);
-    ObjectPropertyStore::shared().setConfigAPIResponse(nullptr);
-    EXPECT_EQ(AccNode::computeScoreOfLoss(Number(0.25), accConfig).doubleValue(), 75);
-    AppGroup::setContainerDirectoryForTesting({});
-}

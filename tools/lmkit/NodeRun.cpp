@@ -25,14 +25,14 @@ NodeRunResult runSelection(const NodeSelector::Nodes& nodes, std::shared_ptr<Acc
                            const NodeRunOptions& options) {
     if (nodes.empty())
         throw Failure("the document lists no nodes");
-    // Without a fixed time-out the plain selector computes its own time-outs and pacing.
+    // The plain selector computes its own time-outs and pacing; one bound to an interface or
+    // with another probe count takes a fixed time-out (2.5 s unless one is given).
     std::shared_ptr<NodeSelector> selector;
-    if (options.timeout > 0) {
+    if (options.timeout > 0 || options.interfaceType != NodeSelector::kInterfaceAny ||
+        options.count != 5) {
         selector = NodeSelector::create(options.interfaceType, options.timeout, options.count,
                                         DispatchQueue::serial("lmkit.select.callbacks"));
     } else {
-        if (options.interfaceType != NodeSelector::kInterfaceAny || options.count != 5)
-            throw Failure("--interface and --count need --timeout");
         selector = NodeSelector::create();
     }
     selector->setPort(options.port);
@@ -98,6 +98,8 @@ NodeRunResult runSelection(const NodeSelector::Nodes& nodes, std::shared_ptr<Acc
     if (options.progress)
         std::fprintf(stderr, "\r\033[K");
     lock.unlock();
+    result.late = selector->lateReplyCount();
+    result.duplicates = selector->duplicateReplyCount();
     selector->stop();
     std::lock_guard guard(mutex);
     if (failure)
@@ -114,7 +116,7 @@ void printNodeTable(const NodeRunResult& result) {
                 "total");
     int rank = 1;
     for (const auto& node : ranked) {
-        std::printf("%4d  %-12s %-16s %8.1f %8.1f %8.1f %5.0f%% %7.1f %6.1f %6.1f %5.1f %8.1f\n",
+        std::printf("%4d  %-12s %-16s %8.3f %8.3f %8.3f %5.0f%% %7.1f %6.1f %6.1f %5.1f %8.1f\n",
                     rank++, text(node->identifier).c_str(), node->safePingServer().c_str(),
                     node->avgDelay, node->minDelay, node->maxDelay, node->loss * 100,
                     node->delayScore, node->lossScore, node->loadScore, node->ispScore,
@@ -127,36 +129,44 @@ void printNodeTable(const NodeRunResult& result) {
     std::printf("\nchosen: ");
     for (std::size_t i = 0; i < result.chosen.size(); ++i)
         std::printf("%s%s", i ? ", " : "", text(result.chosen[i]->identifier).c_str());
-    std::printf("\nbest: %s (%s)  delay %.1f ms  loss %.0f%%  deviation %.2f ms\n",
+    std::printf("\nbest: %s (%s)  delay %.3f ms  loss %.0f%%  deviation %.2f ms\n",
                 text(result.chosen[0]->identifier).c_str(),
                 result.chosen[0]->safePingServer().c_str(), result.delay, result.loss * 100,
                 result.deviation);
+    if (result.late > 0 || result.duplicates > 0)
+        std::printf("replies: %ld late (counted lost), +%ld duplicates\n", result.late,
+                    result.duplicates);
 }
 
-nlohmann::ordered_json nodeResultJson(const NodeRunResult& result) {
-    auto nodeJson = [](const AccNode& node) {
-        nlohmann::ordered_json j;
-        j["id"] = node.identifier ? nlohmann::ordered_json(*node.identifier) : nullptr;
-        j["ping_server"] = node.safePingServer();
-        j["delay"] = node.delay;
-        j["avg_delay"] = node.avgDelay;
-        j["min_delay"] = node.minDelay;
-        j["max_delay"] = node.maxDelay;
-        j["loss"] = node.loss;
-        j["delay_score"] = node.delayScore;
-        j["loss_score"] = node.lossScore;
-        j["load_score"] = node.loadScore;
-        j["isp_score"] = node.ispScore;
-        j["score"] = node.score();
-        return j;
-    };
+namespace {
+
+nlohmann::ordered_json nodeJson(const AccNode& node) {
+    nlohmann::ordered_json j;
+    j["id"] = node.identifier ? nlohmann::ordered_json(*node.identifier) : nullptr;
+    j["ping_server"] = node.safePingServer();
+    j["delay"] = node.delay;
+    j["avg_delay"] = node.avgDelay;
+    j["min_delay"] = node.minDelay;
+    j["max_delay"] = node.maxDelay;
+    j["loss"] = node.loss;
+    j["delay_score"] = node.delayScore;
+    j["loss_score"] = node.lossScore;
+    j["load_score"] = node.loadScore;
+    j["isp_score"] = node.ispScore;
+    j["score"] = node.score();
+    return j;
+}
+
+NodeSelector::Nodes rankedNodes(const NodeRunResult& result) {
     auto ranked = result.nodes;
     std::stable_sort(ranked.begin(), ranked.end(),
                      [](const auto& a, const auto& b) { return a->score() > b->score(); });
+    return ranked;
+}
+
+// Everything of the result but the node list.
+nlohmann::ordered_json summaryJson(const NodeRunResult& result) {
     nlohmann::ordered_json out;
-    out["nodes"] = nlohmann::ordered_json::array();
-    for (const auto& node : ranked)
-        out["nodes"].push_back(nodeJson(*node));
     out["chosen"] = nlohmann::ordered_json::array();
     for (const auto& node : result.chosen)
         out["chosen"].push_back(node->identifier ? nlohmann::ordered_json(*node->identifier)
@@ -166,7 +176,38 @@ nlohmann::ordered_json nodeResultJson(const NodeRunResult& result) {
         out["loss"] = result.loss;
         out["deviation"] = result.deviation;
     }
+    out["late"] = result.late;
+    out["duplicates"] = result.duplicates;
     return out;
+}
+
+}  // namespace
+
+nlohmann::ordered_json nodeResultJson(const NodeRunResult& result) {
+    nlohmann::ordered_json out;
+    out["nodes"] = nlohmann::ordered_json::array();
+    for (const auto& node : rankedNodes(result))
+        out["nodes"].push_back(nodeJson(*node));
+    auto summary = summaryJson(result);
+    for (auto& [key, value] : summary.items())
+        out[key] = value;
+    return out;
+}
+
+void printNodeResultJson(const NodeRunResult& result) {
+    // Node by node: a document of ten thousand nodes is not built in memory first.
+    std::fputs("{\n  \"nodes\": [", stdout);
+    bool first = true;
+    for (const auto& node : rankedNodes(result)) {
+        std::fputs(first ? "\n    " : ",\n    ", stdout);
+        std::fputs(nodeJson(*node).dump().c_str(), stdout);
+        first = false;
+    }
+    std::fputs(first ? "]" : "\n  ]", stdout);
+    auto summary = summaryJson(result);
+    for (const auto& [key, value] : summary.items())
+        std::printf(",\n  \"%s\": %s", key.c_str(), value.dump().c_str());
+    std::fputs("\n}\n", stdout);
 }
 
 }  // namespace lmkit::tool

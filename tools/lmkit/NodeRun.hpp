@@ -18,6 +18,8 @@ struct NodeRunResult {
     double delay = 0;
     double loss = 0;
     double deviation = 0;
+    long late = 0;        // replies after the receive time-out: lost for the run
+    long duplicates = 0;  // replies beyond a node's probe count
 };
 
 struct NodeRunOptions {
@@ -38,5 +40,7 @@ NodeRunResult runSelection(const NodeSelector::Nodes& nodes, std::shared_ptr<Acc
 /// The ranked table (rank, node, ping server, delays, loss, partial and total scores).
 void printNodeTable(const NodeRunResult& result);
 nlohmann::ordered_json nodeResultJson(const NodeRunResult& result);
+/// The same document, written to standard output node by node.
+void printNodeResultJson(const NodeRunResult& result);
 
 }  // namespace lmkit::tool

@@ -7,6 +7,7 @@
 #include "Command.hpp"
 #include "lmkit/netinfo/NetworkInfoProvider.hpp"
 #include "lmkit/netinfo/VPNNetworkStatusMonitor.hpp"
+#include "lmkit/platform/UdpSocket.hpp"
 
 namespace lmkit::tool {
 namespace {
@@ -98,7 +99,8 @@ Command netinfo(
                     {"radioAccessTechnology", orNull(provider.currentRadioAccessTechnology())},
                     {"carrier", provider.carrier()},
                     {"carrierNameString", provider.carrierNameString()},
-                    {"carrierTypeCode", orNull(provider.carrierTypeCode())}};
+                    {"carrierTypeCode", orNull(provider.carrierTypeCode())},
+                    {"receiveTimestamps", UdpSocket::receiveTimestampSource()}};
                 std::printf("%s\n", out.dump(2).c_str());
                 return 0;
             }
@@ -119,6 +121,8 @@ Command netinfo(
                         type);
             std::printf("Carrier   %s (%s)\n", provider.carrierNameString().c_str(),
                         orDash(provider.carrierTypeCode()).c_str());
+            // Where the measuring classes take a reply's arrival time from.
+            std::printf("Receive timestamps  %s\n", UdpSocket::receiveTimestampSource().c_str());
             return 0;
         };
     });

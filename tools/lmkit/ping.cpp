@@ -1,6 +1,7 @@
 // lmkit ping: measure one UDP echo endpoint the way ping(8) measures a host, one timestamp
 // datagram per round, and summarise delay, deviation and loss.
 #include <arpa/inet.h>
+#include <netdb.h>
 
 #include <cmath>
 #include <condition_variable>
@@ -60,6 +61,22 @@ SimplePingNode parseTarget(const std::string& text) {
     return SimplePingNode(host, port);
 }
 
+// A name that does not resolve would otherwise look like an endpoint that never answers.
+void requireResolvable(const std::string& host) {
+    in6_addr v6{};
+    in_addr v4{};
+    if (inet_pton(AF_INET, host.c_str(), &v4) == 1 || inet_pton(AF_INET6, host.c_str(), &v6) == 1)
+        return;
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* results = nullptr;
+    int status = getaddrinfo(host.c_str(), nullptr, &hints, &results);
+    if (results)
+        freeaddrinfo(results);
+    if (status != 0)
+        throw Failure(host + ": the name does not resolve (" + gai_strerror(status) + ")");
+}
+
 long interfaceType(const std::string& name) {
     if (name == "any")
         return SimplePinger::kInterfaceAny;
@@ -116,15 +133,18 @@ Command ping(
         auto options = std::make_shared<PingOptions>();
         app.add_flag("--json", common.json, "Print the rounds and summary as JSON");
         app.add_option("TARGET", options->target, "HOST[:PORT] (port 9999 by default)")->required();
-        app.add_option("-c,--count", options->count, "Rounds to send")
+        app.add_option("-c,--count", options->count, "Rounds to send (default 5)")
             ->check(CLI::Range(1, 100000));
-        app.add_option("-i,--interval", options->interval, "Seconds between rounds")
-            ->check(CLI::NonNegativeNumber);
-        app.add_option("--timeout", options->timeout, "Seconds to wait for each echo")
-            ->check(CLI::PositiveNumber);
+        app.add_option("-i,--interval", options->interval,
+                       "Seconds from one round's start to the next (default 1)")
+            ->check(CLI::Range(0.0, 3600.0));
+        app.add_option("--timeout", options->timeout,
+                       "Seconds to wait for each echo (default 1); a later echo counts as late")
+            ->check(CLI::Range(0.001, 3600.0));
         app.add_option("--interface", options->interface, "any, wifi or cellular");
         return [options, &common]() -> int {
             auto node = parseTarget(options->target);
+            requireResolvable(node.address);
             auto pinger =
                 SimplePinger::create(interfaceType(options->interface), options->timeout, node);
             std::string where = fmt::format("{}:{}", node.address, node.port);
@@ -133,9 +153,14 @@ Command ping(
             std::vector<double> delays;
             std::optional<Error> lastError;
             auto rounds = nlohmann::ordered_json::array();
+            // Rounds start on a fixed schedule, as ping(8) sends: a slow echo does not push the
+            // following rounds back.
+            const auto begin = std::chrono::steady_clock::now();
             for (int seq = 0; seq < options->count; ++seq) {
                 if (seq > 0)
-                    std::this_thread::sleep_for(std::chrono::duration<double>(options->interval));
+                    std::this_thread::sleep_until(
+                        begin + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                    std::chrono::duration<double>(options->interval * seq)));
                 std::optional<Error> error;
                 auto delay = pingOnce(*pinger, error);
                 if (delay) {
@@ -156,9 +181,17 @@ Command ping(
                 }
                 std::fflush(stdout);
             }
+            // An echo of the last round may still be on its way: give it the round's time-out to
+            // be counted late rather than silently lost.
+            if (!rounds.empty() && rounds.back().contains("error"))
+                std::this_thread::sleep_for(std::chrono::duration<double>(
+                    std::min(options->timeout, std::max(options->interval, 0.05))));
+            const long late = pinger->lateReplyCount();
+            const long duplicates = pinger->duplicateReplyCount();
             pinger->stop();
             if (delays.empty())
-                throw Failure(where + ": " + describe(*lastError));
+                throw Failure(where + ": " + describe(*lastError) +
+                              (late > 0 ? fmt::format(" ({} late)", late) : ""));
 
             std::size_t sent = rounds.size();
             double min = delays[0], max = delays[0], sum = 0, squares = 0;
@@ -177,6 +210,8 @@ Command ping(
                                               {"sent", sent},
                                               {"received", delays.size()},
                                               {"loss", loss},
+                                              {"late", late},
+                                              {"duplicates", duplicates},
                                               {"min_ms", min},
                                               {"avg_ms", avg},
                                               {"max_ms", max},
@@ -185,8 +220,13 @@ Command ping(
                 std::printf("%s\n", out.dump().c_str());
             } else {
                 std::printf("--- %s ping statistics ---\n", where.c_str());
-                std::printf("%zu sent, %zu received, %.1f%% loss\n", sent, delays.size(),
-                            loss * 100);
+                std::string extra;
+                if (late > 0)
+                    extra += fmt::format(", {} late", late);
+                if (duplicates > 0)
+                    extra += fmt::format(", +{} duplicates", duplicates);
+                std::printf("%zu sent, %zu received, %.1f%% loss%s\n", sent, delays.size(),
+                            loss * 100, extra.c_str());
                 std::printf("min/avg/max/deviation = %.3f/%.3f/%.3f/%.3f ms\n", min, avg, max,
                             deviation);
             }

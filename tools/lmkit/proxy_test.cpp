@@ -58,7 +58,7 @@ Command proxyTest(
         app.add_option("--count", options->count, "Datagrams to send")
             ->check(CLI::Range(1L, 100000L));
         app.add_option("--interval", options->interval, "Seconds between datagrams (0: burst)")
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::Range(0.0, 3600.0));
         return [options, &common]() -> int {
             auto [proxyHost, proxyPort] = splitHostPort(options->proxy, "proxy");
             auto [targetHost, targetPort] = splitHostPort(options->target, "target");
@@ -101,22 +101,26 @@ Command proxyTest(
                               ProxySpeedTest::kPacketReceiveTimeout + 5;
             result->done.wait_for(lock, std::chrono::duration<double>(patience),
                                   [&] { return result->finished; });
+            const long late = test->lateReplyCount();
+            const long duplicates = test->duplicateReplyCount();
             test->stop();
             if (!result->finished)
                 throw Failure("no result from the proxy speed test");
             if (result->error)
                 throw Failure(options->proxy + ": " + describe(*result->error));
             if (common.json) {
-                nlohmann::ordered_json out = {{"proxy", options->proxy},
-                                              {"target", options->target},
-                                              {"sent", options->count},
-                                              {"avg_ms", result->delay},
-                                              {"loss", result->loss}};
+                nlohmann::ordered_json out = {
+                    {"proxy", options->proxy}, {"target", options->target},
+                    {"sent", options->count},  {"avg_ms", result->delay},
+                    {"loss", result->loss},    {"late", late},
+                    {"duplicates", duplicates}};
                 std::printf("%s\n", out.dump().c_str());
             } else {
-                std::printf("proxy %s -> %s: %ld sent, average delay %.3f ms, loss %.1f%%\n",
-                            options->proxy.c_str(), options->target.c_str(), options->count,
-                            result->delay, result->loss * 100);
+                std::printf(
+                    "proxy %s -> %s: %ld sent, average delay %.3f ms, loss %.1f%%, %ld late, "
+                    "+%ld duplicates\n",
+                    options->proxy.c_str(), options->target.c_str(), options->count, result->delay,
+                    result->loss * 100, late, duplicates);
             }
             return 0;
         };

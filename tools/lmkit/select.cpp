@@ -70,11 +70,14 @@ Command select("select", "Probe the nodes of a service document and rank them",
                        ->check(CLI::IsMember({"avg", "min"}));
                    app.add_option("--interface", options->interface, "any, wifi or cellular")
                        ->check(CLI::IsMember({"any", "wifi", "cellular"}));
-                   app.add_option("--count", options->count, "Probes per ping server")
+                   app.add_option("--count", options->count,
+                                  "Probes per ping server (default 5; another count, like "
+                                  "--interface, takes a fixed time-out: 2.5 s unless --timeout)")
                        ->check(CLI::Range(1, 100));
                    app.add_option("--timeout", options->timeout,
-                                  "Fixed receive time-out in seconds (0: computed)")
-                       ->check(CLI::NonNegativeNumber);
+                                  "Fixed receive time-out in seconds (0: computed from the "
+                                  "number of nodes)")
+                       ->check(CLI::Range(0.0, 3600.0));
                    app.add_option("--port", options->port, "Destination port of the probes")
                        ->check(CLI::Range(1, 65535));
                    app.add_option("--prefix", options->prefix, "Text put before every probe");
@@ -98,7 +101,7 @@ Command select("select", "Probe the nodes of a service document and rank them",
                        run.progress = !common.json && isatty(STDERR_FILENO);
                        auto result = runSelection(nodes, config, run);
                        if (common.json) {
-                           std::puts(nodeResultJson(result).dump(2).c_str());
+                           printNodeResultJson(result);
                        } else {
                            printNodeTable(result);
                        }

@@ -60,10 +60,12 @@ class AccNode : public Model<AccNode> {
     /// measured reply earns nothing).
     static Number computeScoreOfDelay(const std::optional<Number>& delay,
                                       const std::shared_ptr<AccConfig>& accConfig);
-    /// Classic: loss × (1 − loss) inside 0..1, else 0. With the new loss score enabled:
-    /// max(0, loss2 − lossScale × loss²).
+    /// Classic: loss × (1 − loss) inside 0..1, else 0. With `newLossScore` (the stored general
+    /// configuration's switch, which the selector reads once per run): max(0, loss2 −
+    /// lossScale × loss²).
     static Number computeScoreOfLoss(const std::optional<Number>& loss,
-                                     const std::shared_ptr<AccConfig>& accConfig);
+                                     const std::shared_ptr<AccConfig>& accConfig,
+                                     bool newLossScore = false);
     /// isp × ispWeight ÷ 100.
     Number computeScoreOfISPReferToAccConfig(const std::shared_ptr<AccConfig>& accConfig) const;
     /// Full load below the threshold share of capacity, falling linearly to 0 at capacity; 0
@@ -76,9 +78,6 @@ class AccNode : public Model<AccNode> {
     /// Where the current carrier type code comes from (the network facts connect it); without a
     /// provider there is no code.
     static void setCarrierTypeCodeProvider(std::function<std::optional<std::string>()> provider);
-    /// Whether the stored general configuration enables the quadratic loss rule (the settings
-    /// store connects it); without a provider the classic rule applies.
-    static void setNewLossScoreEnabledProvider(std::function<bool()> provider);
 
     static const std::vector<Property<AccNode>>& properties();
 };

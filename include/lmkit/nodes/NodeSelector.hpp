@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -12,6 +13,7 @@
 
 #include "lmkit/models/AccConfig.hpp"
 #include "lmkit/models/AccNode.hpp"
+#include "lmkit/nodes/ScoringSettings.hpp"
 #include "lmkit/platform/DispatchQueue.hpp"
 #include "lmkit/platform/Error.hpp"
 #include "lmkit/platform/UdpSocket.hpp"
@@ -141,6 +143,11 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     double startTime() const;
     double endTime() const;
     std::shared_ptr<UdpSocket> udpSocket() const;
+    /// Replies of the current or last run that came after its receive time-out or after it had
+    /// reported: lost for the run, counted here.
+    long lateReplyCount() const { return lateReplies_.load(); }
+    /// Replies beyond a key's probe count (a path or echo service that duplicates datagrams).
+    long duplicateReplyCount() const { return duplicateReplies_.load(); }
 
     // Probe socket.
 
@@ -189,9 +196,20 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
                BestNodeNotifyBlock success, FailureBlock failure);
     void setUp(std::uint64_t generation, Nodes nodes, std::shared_ptr<AccConfig> accConfig);
     void sendPacketsDataByGroup(std::uint64_t generation);
-    bool sendOneProbe(const std::shared_ptr<UdpSocket>& socket, const std::string& host, long tag);
+    /// Stamps one probe to `host` and adds it to `batch`.
+    void appendProbe(std::vector<OutgoingDatagram>& batch, const std::string& host, long tag);
+    /// Hands a group's probes to the socket in one call, then counts each as sent.
+    void sendProbes(const std::shared_ptr<UdpSocket>& socket,
+                    const std::vector<OutgoingDatagram>& batch);
     void packetReceiveTimeoutHandler(std::uint64_t generation);
-    void recordDelay(std::uint64_t generation, double delay, const std::string& key);
+    struct Reply {
+        std::string key;
+        double delay;
+        // An IPv6 source is counted under the IPv4 address it embeds (a translated network);
+        // a node probed at a native IPv6 address is counted under that address instead.
+        std::string ipv6Key;
+    };
+    void recordDelays(std::uint64_t generation, const std::vector<Reply>& replies);
     void computeScoreOfObjectInDelayContainerWithKey(const std::string& key, KeyEntry& entry);
     void finishRun(std::uint64_t generation);
     void callFailureBlockIfNeeded();
@@ -203,13 +221,14 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     void setCounterOfComputedDelay(long value);  // data queue
 
     // Socket events (socket delegate queue).
-    void didReceiveData(UdpSocket& socket, const std::vector<std::uint8_t>& data,
-                        const SocketAddress& address);
+    void didReceiveDatagrams(UdpSocket& socket, const std::vector<Datagram>& datagrams);
     void didNotSendData(UdpSocket& socket, long tag, const Error& error);
     void didClose(UdpSocket& socket, const std::optional<Error>& error);
 
     const DispatchQueue dataProcessQueue_;
     std::atomic<long> computingStatus_{kStatusIdle};
+    std::atomic<long> lateReplies_{0};
+    std::atomic<long> duplicateReplies_{0};
 
     mutable std::mutex mutex_;
     // Guarded by mutex_.
@@ -233,6 +252,7 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     long sendPacketGroupCount_ = 1;
     double sendGroupPacketInternval_ = 0;
     long currentSendingGroupIndex_ = 0;
+    std::chrono::steady_clock::time_point nextGroupDue_;  // when the next group is due
     double costTimeOfSendPackets_ = 0;
     double packetReceiveTimeout_ = 0;
     std::shared_ptr<const std::vector<std::string>> uniquePingServers_;
@@ -252,7 +272,8 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     std::uint64_t generation_ = 0;
 
     // Data queue only.
-    std::vector<std::string> keys_;  // probe keys in node order
+    ScoringSettings scoringSettings_;  // read when the run is set up
+    std::vector<std::string> keys_;    // probe keys in node order
     std::unordered_map<std::string, KeyEntry> entries_;
 };
 

@@ -19,7 +19,7 @@ std::string constructKeyWithHost(std::string_view host, long port);
 /// first probe (`firstPacketTimeStamp`, milliseconds since 1970) at `nowMilliseconds`,
 /// truncated toward zero.
 std::string makeProbePayload(std::string_view prefix, double firstPacketTimeStamp,
-                             std::int64_t nowMilliseconds);
+                             double nowMilliseconds);
 
 /// What a reply datagram says, once checked.
 struct ProbeReply {
@@ -51,12 +51,13 @@ struct ReplyDecision {
         Record,            // `delay` counts under `host` and `port`
     };
     Action action = Action::Drop;
-    std::string text;       // the decoded payload, for the log lines
-    double delay = 0;       // milliseconds, for Record
-    std::string host;       // for Record: the source, or the IPv4 address a synthesised IPv6
-                            // source carries
-    long port = 0;          // for Record
-    bool fromIPv6 = false;  // for Record: the source is an IPv6 address
+    std::string text;        // the decoded payload, for the log lines
+    double delay = 0;        // milliseconds, for Record
+    std::string host;        // for Record: the source, or the IPv4 address a synthesised IPv6
+                             // source carries
+    long port = 0;           // for Record
+    bool fromIPv6 = false;   // for Record: the source is an IPv6 address
+    std::string sourceHost;  // for Record: the source as received
 };
 
 /// Judges a reply datagram that came from `sourceHost`:`sourcePort` (address `family`,
@@ -64,7 +65,7 @@ struct ReplyDecision {
 /// from `firstPacketTimeStamp`. The selector's receive path is this decision plus the run's
 /// bookkeeping.
 ReplyDecision decideProbeReply(const std::uint8_t* data, std::size_t size, std::string_view prefix,
-                               double firstPacketTimeStamp, std::int64_t nowMilliseconds,
+                               double firstPacketTimeStamp, double nowMilliseconds,
                                const std::string& sourceHost, long sourcePort, int family);
 
 /// True when `text` is non-empty and holds ASCII digits only.

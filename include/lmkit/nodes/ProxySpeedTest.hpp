@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "lmkit/foundation/ThreadSafeMutableArray.hpp"
@@ -131,6 +132,11 @@ class ProxySpeedTest : public std::enable_shared_from_this<ProxySpeedTest> {
     const DispatchQueue& dataProcessQueue() const { return dataProcessQueue_; }
     std::shared_ptr<UdpSocket> udpSocket() const;
 
+    /// Replies that came after the test's receive time-out: lost for the test, counted here.
+    long lateReplyCount() const { return lateReplies_.load(); }
+    /// Further replies carrying the stamp of a packet already answered.
+    long duplicateReplyCount() const { return duplicateReplies_.load(); }
+
   private:
     class SocketEvents;
     friend class SocketEvents;
@@ -163,7 +169,7 @@ class ProxySpeedTest : public std::enable_shared_from_this<ProxySpeedTest> {
     std::shared_ptr<Callbacks> currentCallbacks() const;
 
     // Socket events (socket delegate queue, one at a time).
-    void didReceiveData(const std::vector<std::uint8_t>& data, const SocketAddress& address);
+    void didReceiveData(const Datagram& datagram);
     void didClose(UdpSocket& socket, const std::optional<Error>& error);
 
     const double timeInternvalOfPerPacket_;
@@ -172,6 +178,12 @@ class ProxySpeedTest : public std::enable_shared_from_this<ProxySpeedTest> {
     ThreadSafeMutableArray<double> delaysContainer_;
     // Read and written from the delegate queue, the data queue and the main queue.
     std::atomic<long> computingStatus_{kStatusIdle};
+    std::atomic<long> lateReplies_{0};
+    std::atomic<long> duplicateReplies_{0};
+    // Guarded by mutex_: packets sent and replies seen per stamp (packets sent within one
+    // millisecond share a stamp), so that only surplus replies count as duplicates.
+    std::unordered_map<std::int64_t, int> sentStamps_;
+    std::unordered_map<std::int64_t, int> answeredStamps_;
 
     mutable std::mutex mutex_;
     // Guarded by mutex_.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -86,6 +87,12 @@ class SimplePinger : public std::enable_shared_from_this<SimplePinger> {
     double firstPacketTimeStamp() const;
     void setFirstPacketTimeStamp(double milliseconds);
 
+    /// Echoes of an earlier datagram whose measurement had already timed out or been replaced by
+    /// a newer one: each answers the datagram it carries the stamp of, never the current one.
+    long lateReplyCount() const { return lateReplies_.load(); }
+    /// Further echoes of a datagram that was already answered.
+    long duplicateReplyCount() const { return duplicateReplies_.load(); }
+
   private:
     class SocketEvents;
     friend class SocketEvents;
@@ -107,7 +114,7 @@ class SimplePinger : public std::enable_shared_from_this<SimplePinger> {
     void callFailureBlockWithError(std::optional<Error> error);
 
     // Socket events (work queue).
-    void didReceiveData(const std::vector<std::uint8_t>& data);
+    void didReceiveData(const Datagram& datagram);
     void didNotSendData(long tag, const Error& error);
     void didClose(const std::optional<Error>& error);
 
@@ -125,6 +132,13 @@ class SimplePinger : public std::enable_shared_from_this<SimplePinger> {
     FailureBlock failureBlock_;
     double firstPacketTimeStamp_ = 0;
     std::shared_ptr<WeakTimer> timeoutChecker_;
+    // The stamp of the datagram the pending measurement waits for, the last one sent and the
+    // last one answered: an echo counts only for the datagram it carries the stamp of.
+    std::optional<std::int64_t> outstandingStamp_;
+    std::optional<std::int64_t> lastSentStamp_;
+    std::optional<std::int64_t> answeredStamp_;
+    std::atomic<long> lateReplies_{0};
+    std::atomic<long> duplicateReplies_{0};
 };
 
 }  // namespace lmkit

@@ -1,0 +1,153 @@
+// The node selector's completion: the receive time-out, ranking, and the one report of a run.
+#include "lmkit/nodes/NodeSelector.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fmt/format.h>
+
+#include "lmkit/foundation/Log.hpp"
+#include "lmkit/netinfo/IPAddressString.hpp"
+#include "lmkit/nodes/DelayStatistics.hpp"
+#include "lmkit/nodes/ProbePacing.hpp"
+#include "lmkit/nodes/ProbePacket.hpp"
+#include "lmkit/platform/Clock.hpp"
+#include "nodes/NodeSelectorShared.hpp"
+
+namespace lmkit {
+
+using namespace node_selector;
+
+// Completion.
+
+void NodeSelector::finishRun(std::uint64_t generation) {
+    long mode, delayMode, count;
+    bool rear;
+    std::shared_ptr<AccConfig> config;
+    long probePort;
+    {
+        std::lock_guard guard(mutex_);
+        if (generation != generation_)
+            return;
+        computingStatus_ = kStatusFinished;
+        if (packetRecvTimer_)
+            packetRecvTimer_->invalidate();
+        mode = mode_;
+        delayMode = delayMode_;
+        count = sendPacketCount_;
+        rear = enableRearDelay_;
+        config = accConfig_;
+        probePort = port_ == 0 ? probe::kDefaultProbePort : port_;
+    }
+    Nodes all;
+    for (const auto& key : keys_)
+        for (const auto& node : entries_[key].nodes)
+            all.push_back(node);
+    sortAndLogNodes(all);
+    std::optional<Number> gap;
+    if (mode != kModeTestMultipath)
+        gap = scoringSettings_.scoreRangeGap;
+    Nodes chosen = chooseBestNodes(all, mode, gap);
+    auto best = chosen.empty() ? nullptr : chosen.front();
+
+    std::string bestKey;
+    const KeyEntry* entry = nullptr;
+    if (best) {
+        bestKey = probe::constructKeyWithHost(best->safePingServer(), probePort);
+        auto found = entries_.find(bestKey);
+        if (found != entries_.end())
+            entry = &found->second;
+    }
+    static const std::vector<double> kNoDelays;
+    const auto& delays = entry ? entry->delays : kNoDelays;
+    std::optional<double> delay;
+    if (delayMode == kDelayModeMin)
+        delay = DelayStatistics::minOfNumbers(delays);
+    else if (delayMode == kDelayModeAvg)
+        delay = DelayStatistics::computeAvgOfNumbers(delays);
+    if (!delay || !(*delay > 0))
+        delay = kFallbackDelay;
+    if (rear && best) {
+        float rearDelay = best->rearDelay ? best->rearDelay->floatValue() : 0.0f;
+        delay = static_cast<double>(static_cast<float>(*delay) + rearDelay);
+    }
+    long received = entry ? entry->receivedCount : 0;
+    double loss =
+        static_cast<double>(static_cast<float>(count - received) / static_cast<float>(count));
+    if (loss < 0)
+        loss = 0;
+    double deviation = DelayStatistics::computeDeviationOfDelay(delays);
+    double elapsed;
+    {
+        std::lock_guard guard(mutex_);
+        endTime_ = Clock::nowSeconds();
+        elapsed = endTime_ - startTime_;
+    }
+    if (mode == kModeBestNode)
+        logBestNodes(chosen, chosen.size(), true);
+    // The run in one line; the per-node details above are debug lines.
+    log::info(fmt::format(
+        "[NodeSelector] Finish, nodes:{}, ping servers:{}, best:{}, delay:{:.3f}ms, loss:{:.2f}, "
+        "deviation:{:.2f}, late replies:{}, duplicate replies:{}, time:{:.1f}ms",
+        all.size(), keys_.size(), bestKey.empty() ? "(none)" : bestKey, *delay, loss, deviation,
+        lateReplies_.load(), duplicateReplies_.load(), elapsed * 1000));
+
+    std::string configPing = config ? formatNumber(config->ping) : "null";
+    callbackQueue().async([weak = weak_from_this(), generation, chosen = std::move(chosen),
+                           delay = *delay, loss, deviation, bestKey, configPing] {
+        auto self = weak.lock();
+        if (!self)
+            return;
+        BestNodeNotifyBlock success;
+        FailureBlock failure;
+        {
+            std::lock_guard guard(self->mutex_);
+            if (generation != self->generation_)
+                return;  // stopped, or a newer run has taken over the callbacks
+            if (delay == 0) {
+                failure = std::move(self->failureBlock_);
+                self->failureBlock_ = nullptr;
+                self->bestNodeNotifyBlock_ = nullptr;
+                self->error_.reset();
+            } else if (!chosen.empty() && self->bestNodeNotifyBlock_) {
+                success = std::move(self->bestNodeNotifyBlock_);
+                self->bestNodeNotifyBlock_ = nullptr;
+                self->failureBlock_ = nullptr;
+            }
+        }
+        if (delay == 0) {
+            log::info(
+                fmt::format("[NodeSelector] Finish, best node:{} delay is zero, config "
+                            "ping:{}",
+                            bestKey, configPing));
+            if (failure)
+                failure(emptyNodesError());
+        } else if (success) {
+            success(chosen, delay, loss, deviation);
+        }
+    });
+}
+
+void NodeSelector::callFailureBlockIfNeeded() {
+    callbackQueue().async([weak = weak_from_this()] {
+        auto self = weak.lock();
+        if (!self)
+            return;
+        FailureBlock failure;
+        std::optional<Error> error;
+        {
+            std::lock_guard guard(self->mutex_);
+            if (!self->failureBlock_)
+                return;
+            failure = std::move(self->failureBlock_);
+            self->failureBlock_ = nullptr;
+            self->bestNodeNotifyBlock_ = nullptr;
+            error = std::move(self->error_);
+            self->error_.reset();
+        }
+        failure(error.value_or(Error(kErrorDomain, 0)));
+    });
+}
+
+}  // namespace lmkit

@@ -1,0 +1,256 @@
+// The node selector's replies: matching them to probes, recording delays, scoring each node.
+#include "lmkit/nodes/NodeSelector.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fmt/format.h>
+
+#include "lmkit/foundation/Log.hpp"
+#include "lmkit/netinfo/IPAddressString.hpp"
+#include "lmkit/nodes/DelayStatistics.hpp"
+#include "lmkit/nodes/ProbePacing.hpp"
+#include "lmkit/nodes/ProbePacket.hpp"
+#include "lmkit/platform/Clock.hpp"
+#include "nodes/NodeSelectorShared.hpp"
+
+namespace lmkit {
+
+using namespace node_selector;
+
+// Receiving.
+
+void NodeSelector::didReceiveDatagrams(UdpSocket& socket, const std::vector<Datagram>& datagrams) {
+    std::string prefix;
+    double first;
+    std::uint64_t generation;
+    {
+        std::lock_guard guard(mutex_);
+        if (udpSocket_.get() != &socket)
+            return;  // a socket already replaced or closed
+        prefix = sendDataPrefix_;
+        first = firstPacketTimeStamp_;
+        generation = generation_;
+    }
+    std::vector<Reply> replies;
+    replies.reserve(datagrams.size());
+    bool fromIPv6 = false;
+    for (const auto& datagram : datagrams) {
+        if (computingStatus_.load() == kStatusTimedOut) {
+            // Past the receive time-out the run has given these probes up as lost.
+            lateReplies_.fetch_add(1);
+            continue;
+        }
+        const auto& source = datagram.source;
+        // The kernel's arrival stamp, not the moment this queue got round to the datagram.
+        auto decision =
+            probe::decideProbeReply(datagram.data.data(), datagram.data.size(), prefix, first,
+                                    datagram.receiveTime, source.host, source.port, source.family);
+        switch (decision.action) {
+            case probe::ReplyDecision::Action::Drop:
+                continue;
+            case probe::ReplyDecision::Action::InvalidPacket:
+                log::warning("[NodeSelector] Invalid response packet: " + decision.text);
+                continue;
+            case probe::ReplyDecision::Action::InvalidTimestamp:
+                log::warning("[NodeSelector] Invalid response timestamp: " + decision.text);
+                continue;
+            case probe::ReplyDecision::Action::Record:
+                break;
+        }
+        long expected = kStatusIdle;
+        computingStatus_.compare_exchange_strong(expected, kStatusComputing);
+        fromIPv6 = fromIPv6 || decision.fromIPv6;
+        std::string ipv6Key;
+        if (decision.fromIPv6 && decision.host != decision.sourceHost)
+            ipv6Key = probe::constructKeyWithHost(decision.sourceHost, decision.port);
+        replies.push_back({probe::constructKeyWithHost(decision.host, decision.port),
+                           decision.delay, std::move(ipv6Key)});
+    }
+    if (fromIPv6) {
+        std::lock_guard guard(mutex_);
+        setIsIPV6(true);
+    }
+    if (replies.empty())
+        return;
+    // One hop to the data queue for the whole batch: a burst of thousands of echoes must not
+    // cost thousands of queue hand-overs.
+    dataProcessQueue_.async([weak = weak_from_this(), generation, replies = std::move(replies)] {
+        if (auto self = weak.lock())
+            self->recordDelays(generation, replies);
+    });
+}
+
+void NodeSelector::computeDelay(double delay, const std::string& host, long port) {
+    std::uint64_t generation;
+    {
+        std::lock_guard guard(mutex_);
+        generation = generation_;
+    }
+    std::vector<Reply> replies{{probe::constructKeyWithHost(host, port), delay, {}}};
+    dataProcessQueue_.async([weak = weak_from_this(), generation, replies = std::move(replies)] {
+        if (auto self = weak.lock())
+            self->recordDelays(generation, replies);
+    });
+}
+
+void NodeSelector::recordDelays(std::uint64_t generation, const std::vector<Reply>& replies) {
+    long count;
+    {
+        std::lock_guard guard(mutex_);
+        if (generation != generation_)
+            return;
+        count = sendPacketCount_;
+    }
+    for (const auto& reply : replies) {
+        // Once the run has reported, its nodes belong to the caller: late echoes change nothing.
+        if (computingStatus_.load() == kStatusFinished) {
+            lateReplies_.fetch_add(1);
+            continue;
+        }
+        auto found = entries_.find(reply.key);
+        if (found == entries_.end() && !reply.ipv6Key.empty())
+            found = entries_.find(reply.ipv6Key);
+        if (found == entries_.end())
+            continue;
+        auto& entry = found->second;
+        if (static_cast<long>(entry.delays.size()) >= count)
+            duplicateReplies_.fetch_add(1);
+        entry.delays.push_back(reply.delay);
+        ++entry.receivedCount;
+        if (static_cast<long>(entry.delays.size()) == count)
+            computeScoreOfObjectInDelayContainerWithKey(found->first, entry);
+    }
+}
+
+// Scoring.
+
+void NodeSelector::computeScoreOfObjectInDelayContainerWithKey(const std::string& key,
+                                                               KeyEntry& entry) {
+    (void)key;
+    long delayMode, count;
+    bool rear;
+    std::shared_ptr<AccConfig> config;
+    {
+        std::lock_guard guard(mutex_);
+        delayMode = delayMode_;
+        count = sendPacketCount_;
+        rear = enableRearDelay_;
+        config = accConfig_;
+    }
+    std::optional<double> d;
+    if (delayMode == kDelayModeMin)
+        d = DelayStatistics::minOfNumbers(entry.delays);
+    else if (delayMode == kDelayModeAvg)
+        d = DelayStatistics::computeAvgOfNumbers(entry.delays);
+    if (!d || !(*d > 0))
+        d = kFallbackDelay;
+    const float loss = static_cast<float>(count - entry.receivedCount) / static_cast<float>(count);
+    const double minimum = DelayStatistics::minOfNumbers(entry.delays).value_or(0);
+    const double maximum = DelayStatistics::maxOfNumbers(entry.delays);
+    const double average = DelayStatistics::calculateAverageOfNumbers(entry.delays);
+    for (const auto& node : entry.nodes) {
+        double scored = *d;
+        if (rear) {
+            float rearDelay = node->rearDelay ? node->rearDelay->floatValue() : 0.0f;
+            scored = static_cast<double>(static_cast<float>(*d) + rearDelay);
+        }
+        node->delayScore = AccNode::computeScoreOfDelay(Number(scored), config).doubleValue();
+        node->lossScore = AccNode::computeScoreOfLoss(Number(static_cast<double>(loss)), config,
+                                                      scoringSettings_.newLossScore)
+                              .doubleValue();
+        node->loadScore = node->computeScoreOfLoadReferToAccConfig(config).doubleValue();
+        node->ispScore = node->computeScoreOfISPReferToAccConfig(config).doubleValue();
+        node->delay = *d;
+        node->minDelay = minimum;
+        node->maxDelay = maximum;
+        node->avgDelay = average;
+        node->loss = static_cast<double>(loss);
+    }
+    entry.scored = true;
+    long counter;
+    {
+        std::lock_guard guard(mutex_);
+        counter = counterOfComputedDelay_;
+    }
+    setCounterOfComputedDelay(counter + 1);
+}
+
+void NodeSelector::setCounterOfComputedDelay(long value) {
+    std::uint64_t generation;
+    bool complete;
+    {
+        std::lock_guard guard(mutex_);
+        counterOfComputedDelay_ = value;
+        complete = keyCount_ != 0 && static_cast<std::size_t>(value) == keyCount_;
+        generation = generation_;
+    }
+    if (complete)
+        finishRun(generation);
+}
+
+void NodeSelector::packetReceiveTimeoutHandler(std::uint64_t generation) {
+    long status;
+    {
+        std::lock_guard guard(mutex_);
+        if (generation != generation_)
+            return;
+        bool logs = mode_ == kModeBestNode || mode_ == kModeTestMultipath;
+        long total = sendPacketCount_ *
+                     static_cast<long>(uniquePingServers_ ? uniquePingServers_->size() : 0);
+        if (logs) {
+            log::info(
+                fmt::format("[NodeSelector] Start timeout handler，sent packets count:{}, "
+                            "time:{:.1f}ms",
+                            sendedPacketNumber_, costTimeOfSendPackets_ * 1000));
+        }
+        if (sendedPacketNumber_ < total) {
+            if (logs) {
+                log::info(
+                    fmt::format("[NodeSelector] Packet sent {}/{}, waiting for all packets sent...",
+                                sendedPacketNumber_, total));
+            }
+            return;
+        }
+        status = computingStatus_.load();
+        if (status == kStatusComputing)
+            computingStatus_ = kStatusTimedOut;
+        if (status == kStatusIdle) {
+            log::info(std::string("[NodeSelector] ") + kTimeoutDescription);
+            error_ = Error::withDescription(kErrorDomain, kErrorTimeout, kTimeoutDescription);
+        }
+    }
+    if (status == kStatusIdle) {
+        callFailureBlockIfNeeded();
+        return;
+    }
+    if (status != kStatusComputing)
+        return;
+    // Keys still waiting for replies are scored first, so that the run completes exactly when
+    // every key has a score; a complete key scored again would give the same values.
+    std::vector<std::string> order;
+    order.reserve(keys_.size());
+    for (const auto& key : keys_)
+        if (!entries_[key].scored)
+            order.push_back(key);
+    for (const auto& key : keys_)
+        if (entries_[key].scored)
+            order.push_back(key);
+    long silent = 0;
+    for (const auto& key : order) {
+        if (computingStatus_.load() == kStatusFinished)
+            break;
+        auto& entry = entries_[key];
+        if (entry.receivedCount == 0) {
+            ++silent;
+            log::debug("[NodeSelector] All packets lost node: " + key);
+        }
+        computeScoreOfObjectInDelayContainerWithKey(key, entry);
+    }
+    if (silent > 0)
+        log::info(
+            fmt::format("[NodeSelector] All packets lost nodes: {} of {}", silent, keys_.size()));
+}
+
+}  // namespace lmkit

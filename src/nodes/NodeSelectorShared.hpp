@@ -1,0 +1,34 @@
+#pragma once
+
+// What the parts of the node selector (creation and runs, sending, replies and scoring,
+// completion) share.
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+#include "lmkit/nodes/NodeSelector.hpp"
+#include "lmkit/platform/Error.hpp"
+#include "lmkit/platform/Localized.hpp"
+#include "lmkit/platform/Number.hpp"
+
+namespace lmkit::node_selector {
+
+// A fixed time-out given to the explicit initialiser that is not above 0 becomes this.
+inline constexpr double kDefaultTestPingTimeout = 2.5;
+inline constexpr long kDefaultSendPacketCount = 5;
+// The delay of a key without any usable reply: far above every delay ceiling, so it scores 0.
+inline constexpr double kFallbackDelay = 1000;
+// The most datagrams one sendmmsg call takes.
+inline constexpr std::size_t kProbesPerSendCall = 1024;
+
+inline Error emptyNodesError() {
+    return Error::withDescription(NodeSelector::kErrorDomain, NodeSelector::kErrorEmptyNodes,
+                                  localizedString(NodeSelector::kEmptyNodesKey));
+}
+
+inline std::string formatNumber(const std::optional<Number>& n) {
+    return n ? n->description() : "null";
+}
+
+}  // namespace lmkit::node_selector
