@@ -33,20 +33,21 @@ std::shared_ptr<DispatchQueue::Impl> makeImpl(std::string label, bool serial) {
     return impl;
 }
 
+// The kit's own names for its shared queues, as log lines show them.
 const char* globalLabel(QoS qos) {
     switch (qos) {
         case QoS::UserInteractive:
-            return "com.apple.root.user-interactive-qos";
+            return "lmkit.global.user-interactive";
         case QoS::UserInitiated:
-            return "com.apple.root.user-initiated-qos";
+            return "lmkit.global.user-initiated";
         case QoS::Default:
-            return "com.apple.root.default-qos";
+            return "lmkit.global.default";
         case QoS::Utility:
-            return "com.apple.root.utility-qos";
+            return "lmkit.global.utility";
         case QoS::Background:
-            return "com.apple.root.background-qos";
+            return "lmkit.global.background";
     }
-    return "com.apple.root.default-qos";
+    return "lmkit.global.default";
 }
 
 }  // namespace
@@ -62,7 +63,7 @@ void DispatchQueue::Impl::runMarked(const Block& block) {
     tCurrentQueue = previous;
 }
 
-void DispatchQueue::Impl::post(Block block) {
+void DispatchQueue::Impl::post(Block block, bool barrier) {
     if (isMain) {
         std::function<void(Block)> executor;
         {
@@ -75,7 +76,9 @@ void DispatchQueue::Impl::post(Block block) {
         }
     }
     auto run = [this, block = std::move(block)] { runMarked(block); };
-    if (strand) {
+    if (barriers) {
+        barriers->submit(std::move(run), barrier);
+    } else if (strand) {
         asio::post(*strand, std::move(run));
     } else {
         asio::post(detail::poolExecutor(), std::move(run));
@@ -84,6 +87,15 @@ void DispatchQueue::Impl::post(Block block) {
 
 DispatchQueue DispatchQueue::serial(std::string label) {
     return DispatchQueue(makeImpl(std::move(label), true));
+}
+
+DispatchQueue DispatchQueue::concurrent(std::string label) {
+    auto impl = makeImpl(std::move(label), false);
+    impl->barriers =
+        std::make_unique<detail::BarrierScheduler>([](detail::BarrierScheduler::Block block) {
+            asio::post(detail::poolExecutor(), std::move(block));
+        });
+    return DispatchQueue(std::move(impl));
 }
 
 DispatchQueue DispatchQueue::global(QoS qos) {
@@ -98,7 +110,7 @@ DispatchQueue DispatchQueue::global(QoS qos) {
 
 DispatchQueue DispatchQueue::main() {
     static const std::shared_ptr<Impl> queue = [] {
-        auto impl = makeImpl("com.apple.main-thread", true);
+        auto impl = makeImpl("lmkit.main", true);
         impl->isMain = true;
         return impl;
     }();
@@ -129,9 +141,17 @@ void DispatchQueue::async(Block block) const {
     impl_->post([impl = impl_, block = std::move(block)] { block(); });
 }
 
+void DispatchQueue::asyncBarrier(Block block) const {
+    impl_->post([impl = impl_, block = std::move(block)] { block(); }, true);
+}
+
 void DispatchQueue::sync(const Block& block) const {
     if (isCurrent()) {
         block();
+        return;
+    }
+    if (impl_->barriers) {
+        impl_->barriers->runHere([&] { impl_->runMarked(block); }, false);
         return;
     }
     std::promise<void> done;

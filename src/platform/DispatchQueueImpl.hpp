@@ -1,12 +1,14 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
 #include <asio/strand.hpp>
 
 #include "lmkit/platform/DispatchQueue.hpp"
+#include "platform/BarrierScheduler.hpp"
 #include "platform/ThreadPool.hpp"
 
 namespace lmkit {
@@ -16,8 +18,11 @@ struct DispatchQueue::Impl {
     bool serial = false;
     bool isMain = false;
     std::optional<asio::strand<asio::any_io_executor>> strand;
+    // Set for the kit's own concurrent queues, which keep barrier blocks in order; the global
+    // queues have none and run every block as it comes.
+    std::unique_ptr<detail::BarrierScheduler> barriers;
 
-    void post(Block block);
+    void post(Block block, bool barrier = false);
     /// Runs `block` with this queue marked as the current one on the calling thread.
     void runMarked(const Block& block);
 };

@@ -2,12 +2,16 @@
 #include "lmkit/foundation/ThreadSafeMutableArray.hpp"
 
 #include <algorithm>
+#include <cstdio>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "support/TestSupport.hpp"
 
 using namespace lmkit;
 
@@ -68,6 +72,9 @@ TEST(ThreadSafeMutableArray, NilObjectsAreIgnored) {
     numbers.addObject(std::nullopt);
     numbers.insertObject(std::nullopt, 0);
     EXPECT_EQ(numbers.count(), 0u);
+    std::optional<int> objects[] = {1, std::nullopt, 3, 4};
+    ThreadSafeMutableArray<int> constructed(objects, 3);
+    EXPECT_EQ(constructed.immutableArray(), (std::vector<int>{1, 3}));
 }
 
 TEST(ThreadSafeMutableArray, LookupsCompareObjectsByValue) {
@@ -83,14 +90,6 @@ TEST(ThreadSafeMutableArray, LookupsCompareObjectsByValue) {
     ThreadSafeMutableArray<int> numbers{4, 5, 4};
     EXPECT_EQ(numbers.indexOfObject(5), 1u);
     EXPECT_EQ(numbers.indexOfObject(6), kNotFound);
-}
-
-TEST(ThreadSafeMutableArray, ConstructionFromObjectsSkipsNil) {
-    std::optional<int> objects[] = {1, std::nullopt, 3, 4};
-    ThreadSafeMutableArray<int> array(objects, 3);
-    EXPECT_EQ(array.immutableArray(), (std::vector<int>{1, 3}));
-    ThreadSafeMutableArray<int> reserved(100);
-    EXPECT_EQ(reserved.count(), 0u);
 }
 
 TEST(ThreadSafeMutableArray, SnapshotsAndRanges) {
@@ -163,4 +162,48 @@ TEST(ThreadSafeMutableArray, WritesFromManyThreadsAreAllKeptAndSeenElsewhere) {
     std::sort(all.begin(), all.end());
     for (int i = 0; i < 4 * kPerThread; ++i)
         ASSERT_EQ(all[static_cast<std::size_t>(i)], i);
+}
+
+TEST(ThreadSafeMutableArray, AWriteFromInsideAnEnumerationIsQueuedBehindIt) {
+    ThreadSafeMutableArray<int> array{1, 2, 3};
+    char label[64];
+    std::snprintf(label, sizeof label, "thread_safe_array_%p", static_cast<void*>(&array));
+    EXPECT_EQ(array.queue().label(), label);
+
+    std::vector<std::size_t> countsInside;
+    array.enumerateObjects([&](int value, std::size_t, bool&) {
+        EXPECT_EQ(DispatchQueue::currentLabel(), label);
+        array.addObject(value * 10);
+        countsInside.push_back(array.count());  // a read from inside runs at once
+    });
+    EXPECT_EQ(countsInside, (std::vector<std::size_t>{3, 3, 3}));
+    EXPECT_EQ(array.immutableArray(), (std::vector<int>{1, 2, 3, 10, 20, 30}));
+
+    // Writes still queued when the array goes away do nothing.
+    auto doomed = std::make_unique<ThreadSafeMutableArray<int>>();
+    for (int i = 0; i < 1000; ++i)
+        doomed->addObject(i);
+    doomed.reset();
+}
+
+TEST(ThreadSafeMutableArray, ContentsComeFromAFileOrAnArchive) {
+    lmkit::testing::TempDir dir;
+    std::ofstream(dir.path() / "numbers.json") << "[1, 2, 3]";
+    std::ofstream(dir.path() / "words.json") << R"(["a"])";
+    ThreadSafeMutableArray<int> fromFile(ContentsOfFile{dir.path() / "numbers.json"});
+    EXPECT_EQ(fromFile.immutableArray(), (std::vector<int>{1, 2, 3}));
+    fromFile.addObject(4);
+    EXPECT_EQ(fromFile.count(), 4u);
+    nlohmann::ordered_json archive = {5, 6};
+    EXPECT_EQ(ThreadSafeMutableArray<int>(Coder{archive}).immutableArray(),
+              (std::vector<int>{5, 6}));
+
+    // A file that cannot be read as the array gives an empty array that ignores writes.
+    for (const char* name : {"absent.json", "words.json", "."}) {
+        ThreadSafeMutableArray<int> unreadable(ContentsOfFile{dir.path() / name});
+        unreadable.addObject(1);
+        unreadable.insertObject(2, 0);
+        EXPECT_EQ(unreadable.count(), 0u) << name;
+        EXPECT_EQ(unreadable.objectAtIndex(0), std::nullopt) << name;
+    }
 }

@@ -2,6 +2,8 @@
 #include "lmkit/foundation/ThreadSafeMutableDictionary.hpp"
 
 #include <algorithm>
+#include <cstdio>
+#include <fstream>
 #include <memory>
 #include <set>
 #include <string>
@@ -9,6 +11,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "support/TestSupport.hpp"
 
 using namespace lmkit;
 
@@ -96,4 +100,35 @@ TEST(ThreadSafeMutableDictionary, ConcurrentWritersAndReadersAgree) {
     EXPECT_EQ(copy.size(), 4u * 1000u);
     for (const auto& [key, value] : copy)
         EXPECT_EQ(key % 10000, value);
+}
+
+TEST(ThreadSafeMutableDictionary, AWriteFromInsideAnEnumerationIsQueuedBehindIt) {
+    ThreadSafeMutableDictionary<int, int> dict{{1, 1}, {2, 2}};
+    char label[64];
+    std::snprintf(label, sizeof label, "thread_safe_dictionary_%p", static_cast<void*>(&dict));
+    EXPECT_EQ(dict.queue().label(), label);
+    dict.enumerateKeysAndObjects([&](int key, int value, bool&) {
+        dict.setObject(value * 10, key + 10);
+        EXPECT_EQ(dict.count(), 2u);  // a read from inside runs at once, before the writes
+    });
+    EXPECT_EQ(dict.count(), 4u);
+    EXPECT_EQ(dict.objectForKey(12), 20);
+}
+
+TEST(ThreadSafeMutableDictionary, ContentsComeFromAFileOrAnArchive) {
+    lmkit::testing::TempDir dir;
+    std::ofstream(dir.path() / "delays.json") << R"({"a": 1.5, "b": 2})";
+    ThreadSafeMutableDictionary<std::string, double> fromFile(
+        ContentsOfFile{dir.path() / "delays.json"});
+    EXPECT_EQ(fromFile.count(), 2u);
+    EXPECT_EQ(fromFile.objectForKey("a"), 1.5);
+    nlohmann::ordered_json archive = {{"c", 3}};
+    using Delays = ThreadSafeMutableDictionary<std::string, double>;
+    EXPECT_EQ(Delays(Coder{archive}).objectForKey("c"), 3.0);
+
+    ThreadSafeMutableDictionary<std::string, double> unreadable(
+        ContentsOfFile{dir.path() / "absent.json"});
+    unreadable.setObject(1.0, "a");
+    EXPECT_EQ(unreadable.count(), 0u);
+    EXPECT_EQ(unreadable.objectForKey("a"), std::nullopt);
 }

@@ -48,6 +48,46 @@ TEST(DispatchQueue, SyncFromTheQueueItselfRunsInlineInsteadOfDeadlocking) {
     EXPECT_TRUE(ranInner);
 }
 
+TEST(DispatchQueue, ConcurrentQueueRunsBlocksSideBySideAndBarriersAlone) {
+    auto queue = DispatchQueue::concurrent("test.concurrent");
+    // Two blocks that each wait for the other can only finish when they run at once.
+    std::atomic<int> arrived{0};
+    std::atomic<int> met{0};
+    std::atomic<int> inside{0};
+    std::atomic<bool> barrierAlone{true};
+    std::vector<int> order;  // written by barriers only, read after them
+    auto meet = [&] {
+        inside.fetch_add(1);
+        arrived.fetch_add(1);
+        if (waitFor([&] { return arrived.load() >= 2; }))
+            met.fetch_add(1);
+        inside.fetch_sub(1);
+    };
+    queue.async(meet);
+    queue.async(meet);
+    for (int i = 0; i < 3; ++i) {
+        queue.asyncBarrier([&, i] {
+            if (inside.load() != 0)
+                barrierAlone = false;
+            order.push_back(i);
+        });
+        queue.async([&] {
+            inside.fetch_add(1);
+            inside.fetch_sub(1);
+        });
+    }
+    // A synchronous read issued after the barriers runs on this thread, after all of them.
+    std::vector<int> seen;
+    queue.sync([&] {
+        EXPECT_EQ(DispatchQueue::currentLabel(), "test.concurrent");
+        seen = order;
+    });
+    EXPECT_EQ(met.load(), 2);
+    EXPECT_TRUE(barrierAlone);
+    EXPECT_EQ(seen, (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ(DispatchQueue::global().label(), "lmkit.global.default");
+}
+
 TEST(DispatchQueue, AsyncAfterWaitsAtLeastTheDelay) {
     auto queue = DispatchQueue::serial("test.after");
     auto start = std::chrono::steady_clock::now();

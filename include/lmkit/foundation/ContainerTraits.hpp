@@ -2,9 +2,15 @@
 
 #include <concepts>
 #include <cstdint>
+#include <exception>
+#include <filesystem>
 #include <memory>
 #include <optional>
+#include <string>
 #include <type_traits>
+#include <vector>
+
+#include <nlohmann/json.hpp>
 
 namespace lmkit {
 
@@ -17,7 +23,33 @@ enum EnumerationOptions : unsigned {
 /// The index that says "not found" (the largest signed 64-bit value).
 inline constexpr std::size_t kNotFound = 0x7FFFFFFFFFFFFFFF;
 
+/// Where a container reads its first contents from (initWithContentsOfFile:): a file holding the
+/// container's JSON form, an array for an array and an object for a dictionary.
+struct ContentsOfFile {
+    std::filesystem::path path;
+};
+
+/// An archive of a container to decode (initWithCoder:): its JSON form, as above.
+struct Coder {
+    const nlohmann::ordered_json& archive;
+};
+
 namespace detail {
+
+/// The JSON document in the file, or nil when the file cannot be read or parsed.
+std::optional<nlohmann::ordered_json> readJSONFile(const std::filesystem::path& path);
+
+/// The elements of a JSON array, or nil when it is not one or an element is not a T.
+template <class T>
+std::optional<std::vector<T>> arrayFromJSON(const std::optional<nlohmann::ordered_json>& json) {
+    if (!json || !json->is_array())
+        return std::nullopt;
+    try {
+        return json->get<std::vector<T>>();
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
 
 template <class T>
 struct IsPointerLike : std::false_type {};
@@ -64,6 +96,26 @@ bool objectsEqual(const T& a, const T& b) {
         }
     } else {
         return a == b;
+    }
+}
+
+/// The pairs of a JSON object, or nil when it is not one, a key does not make a Key or a value
+/// is not a Value.
+template <class Key, class Value, class Map>
+std::optional<Map> dictionaryFromJSON(const std::optional<nlohmann::ordered_json>& json) {
+    if constexpr (!std::is_constructible_v<Key, std::string>) {
+        return std::nullopt;
+    } else {
+        if (!json || !json->is_object())
+            return std::nullopt;
+        try {
+            Map map;
+            for (const auto& [key, value] : json->items())
+                map.insert_or_assign(Key(key), value.template get<Value>());
+            return map;
+        } catch (const std::exception&) {
+            return std::nullopt;
+        }
     }
 }
 

@@ -13,15 +13,20 @@ enum class QoS { UserInteractive, UserInitiated, Default, Utility, Background };
 /// A handle to a queue of work on the kit's process-wide thread pool.
 ///
 /// Serial queues run one block at a time in submission order; global queues run blocks
-/// concurrently. The label of the queue running the current block is readable from that block
-/// (currentLabel()), so log lines can name it. Handles are cheap to copy; a queue lives as long
-/// as any handle or pending block refers to it.
+/// concurrently. A concurrent queue of one's own runs blocks side by side too, but a barrier
+/// block submitted to it waits for everything submitted before and runs alone, and everything
+/// submitted after it waits for it (a reader/writer queue without a lock held by the writer). The
+/// label of the queue running the current block is readable from that block (currentLabel()), so
+/// log lines can name it. Handles are cheap to copy; a queue lives as long as any handle or pending
+/// block refers to it.
 class DispatchQueue {
   public:
     using Block = std::function<void()>;
 
     /// A new serial queue.
     static DispatchQueue serial(std::string label);
+    /// A new concurrent queue that honours barrier blocks.
+    static DispatchQueue concurrent(std::string label);
     /// The shared concurrent queue for `qos`.
     static DispatchQueue global(QoS qos = QoS::Default);
     /// The main queue: serial. The kit serves it on its own pool unless the application hands it
@@ -42,8 +47,13 @@ class DispatchQueue {
     bool isCurrent() const;
 
     void async(Block block) const;
+    /// As async(), and on a queue from concurrent() the block waits for every block submitted
+    /// before it, runs alone, and holds back every block submitted after it. On serial and global
+    /// queues it is a plain async().
+    void asyncBarrier(Block block) const;
     /// Runs `block` on the queue and returns when it has run. Called from the queue itself (a
-    /// serial queue would deadlock), it runs the block at once.
+    /// serial queue would deadlock), it runs the block at once. On a queue from concurrent() the
+    /// block runs on the calling thread, once the barriers submitted before it have run.
     void sync(const Block& block) const;
     /// Runs `block` on the queue after `seconds` (at once for zero or less).
     void asyncAfter(double seconds, Block block) const;
