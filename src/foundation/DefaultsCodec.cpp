@@ -98,14 +98,4 @@ std::optional<DefaultsValue> decode(sqlite3_stmt* statement, int column, std::st
     return std::nullopt;
 }
 
-double leadingNumber(const DefaultsValue& text) {
-    if (!text.is_string())
-        return 0;
-    const std::string& s = text.get_ref<const std::string&>();
-    // strtod skips leading blanks and stops at the first character that is not part of a number,
-    // as the platform's doubleValue does.
-    double number = std::strtod(s.c_str(), nullptr);
-    return std::isfinite(number) ? number : 0;
-}
-
 }  // namespace lmkit::defaults_codec

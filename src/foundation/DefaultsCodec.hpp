@@ -35,7 +35,4 @@ void bind(sqlite3_stmt* statement, int index, const DefaultsValue& value,
 /// when the row does not hold a valid value.
 std::optional<DefaultsValue> decode(sqlite3_stmt* statement, int column, std::string& problem);
 
-/// The number a string value starts with, as the platform's integerValue/doubleValue read it.
-double leadingNumber(const DefaultsValue& text);
-
 }  // namespace lmkit::defaults_codec

@@ -1,6 +1,12 @@
 #include "lmkit/foundation/UserDefaults.hpp"
 
+#include <cctype>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <charconv>
@@ -81,12 +87,19 @@ std::unique_ptr<UserDefaults::Database> UserDefaults::openDatabase(
             *error = std::move(e);
         return nullptr;
     };
-    std::error_code ec;
-    std::filesystem::create_directories(path.parent_path(), ec);
-    if (ec)
-        return fail(Error::withDescription(
-            kErrorDomain, ec.value(),
-            "cannot create the directory of " + path.string() + ": " + ec.message()));
+    Error made;
+    if (!AppGroup::makePrivateDirectory(path.parent_path(), &made))
+        return fail(Error::withDescription(kErrorDomain, made.code,
+                                           "cannot create the directory of " + path.string() +
+                                               ": " + made.localizedDescription()));
+    // The database holds tokens: create it 0600 whatever the umask; SQLite gives its WAL and
+    // shared-memory files the database file's mode.
+    if (int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, AppGroup::kFileMode); fd >= 0) {
+        struct stat st {};
+        if (::fstat(fd, &st) == 0 && st.st_size == 0)
+            ::fchmod(fd, AppGroup::kFileMode);
+        ::close(fd);
+    }
 
     auto database = std::make_unique<Database>();
     int rc =
@@ -177,12 +190,18 @@ std::shared_ptr<UserDefaults> UserDefaults::openAt(const std::filesystem::path& 
 }
 
 std::filesystem::path UserDefaults::pathForSuite(const std::string& suiteName) {
-    return AppGroup::containerDirectory() / "Preferences" / (suiteName + ".sqlite");
+    // The database's own open creates the directories and names this path when it cannot; only
+    // a configuration that names no container at all stops the process here.
+    auto container = AppGroup::chooseContainerDirectory();
+    if (!container)
+        container = AppGroup::containerDirectory();
+    return *container / "Preferences" / (suiteName + ".sqlite");
 }
 
-std::shared_ptr<UserDefaults> UserDefaults::suite(const std::string& suiteName) {
+std::shared_ptr<UserDefaults> UserDefaults::suite(const std::string& requested) {
     static std::mutex mutex;
     static std::map<std::filesystem::path, std::shared_ptr<UserDefaults>> suites;
+    const std::string suiteName = requested.empty() ? AppGroup::identifier() : requested;
     auto path = pathForSuite(suiteName);
     std::lock_guard lock(mutex);
     auto& entry = suites[path];
@@ -213,6 +232,12 @@ std::shared_ptr<UserDefaults> UserDefaults::standard() {
 }
 
 std::optional<DefaultsValue> UserDefaults::objectForKey(const std::string& key) const {
+    std::optional<Error> ignored;
+    return objectForKey(key, ignored);
+}
+
+std::optional<DefaultsValue> UserDefaults::objectForKey(const std::string& key,
+                                                        std::optional<Error>& error) const {
     std::lock_guard lock(mutex_);
     sqlite3_stmt* statement = database_->select;
     sqlite3_bind_text(statement, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
@@ -221,13 +246,54 @@ std::optional<DefaultsValue> UserDefaults::objectForKey(const std::string& key) 
     if (rc == SQLITE_ROW) {
         std::string problem;
         result = defaults_codec::decode(statement, 0, problem);
-        if (!result)
-            report("cannot read \"" + key + "\": " + problem);
+        if (!result) {
+            error = Error::withDescription(kErrorDomain, SQLITE_CORRUPT,
+                                           "cannot read \"" + key + "\": " + problem);
+            report(error->localizedDescription());
+        }
     } else if (rc != SQLITE_DONE) {
-        report("cannot read \"" + key + "\": " + sqlite3_errmsg(database_->db));
+        error = readFailure(rc, "cannot read \"" + key + "\"");
     }
     sqlite3_reset(statement);
     sqlite3_clear_bindings(statement);
+    return result;
+}
+
+Error UserDefaults::readFailure(int rc, const std::string& what) const {
+    // The caller holds mutex_. A failed read may be a damaged file: SQLite's own check says
+    // which, and the file is left exactly as it is, for recovery.
+    std::string text = what + ": " + sqlite3_errmsg(database_->db);
+    int primary = rc & 0xff;
+    if (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB) {
+        text = path_.string() + " is damaged (SQLITE_CORRUPT): " + what + "; " +
+               integrityCheckLocked() + "; the file is kept for recovery";
+    }
+    report(text);
+    return Error::withDescription(kErrorDomain, rc, text);
+}
+
+std::string UserDefaults::integrityCheckLocked() const {
+    sqlite3_stmt* check = nullptr;
+    if (sqlite3_prepare_v2(database_->db, "PRAGMA integrity_check(5)", -1, &check, nullptr) !=
+        SQLITE_OK)
+        return std::string("integrity check cannot run: ") + sqlite3_errmsg(database_->db);
+    std::string found;
+    int rc;
+    while ((rc = sqlite3_step(check)) == SQLITE_ROW) {
+        const auto* line = reinterpret_cast<const char*>(sqlite3_column_text(check, 0));
+        found += (found.empty() ? "" : "; ") + std::string(line ? line : "");
+    }
+    if (rc != SQLITE_DONE)
+        found += (found.empty() ? "" : "; ") + std::string(sqlite3_errmsg(database_->db));
+    sqlite3_finalize(check);
+    return "integrity check: " + (found.empty() ? std::string("no answer") : found);
+}
+
+std::optional<std::string> UserDefaults::integrityCheck() const {
+    std::lock_guard lock(mutex_);
+    std::string result = integrityCheckLocked();
+    if (result == "integrity check: ok")
+        return std::nullopt;
     return result;
 }
 
@@ -271,44 +337,106 @@ std::optional<DefaultsValue> UserDefaults::dictionaryForKey(const std::string& k
     return value;
 }
 
+namespace {
+
+// Where the number of a text starts: after leading blanks and one sign, as the platform's text
+// accessors read it.
+std::size_t numberStart(const std::string& text, bool& negative) {
+    std::size_t i = 0;
+    while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i])))
+        ++i;
+    negative = false;
+    if (i < text.size() && (text[i] == '+' || text[i] == '-')) {
+        negative = text[i] == '-';
+        ++i;
+    }
+    return i;
+}
+
+}  // namespace
+
+long UserDefaults::integerValue(const DefaultsValue& value) {
+    if (auto number = Number::fromJson(value))
+        return static_cast<long>(number->intValue());
+    if (!value.is_string())
+        return 0;
+    // The leading decimal digits; more than a long holds saturates.
+    const auto& text = value.get_ref<const std::string&>();
+    bool negative = false;
+    std::size_t i = numberStart(text, negative);
+    unsigned long magnitude = 0;
+    constexpr unsigned long kLimit = static_cast<unsigned long>(LONG_MAX) + 1;
+    for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i) {
+        magnitude = magnitude * 10 + static_cast<unsigned long>(text[i] - '0');
+        if (magnitude >= kLimit) {
+            magnitude = kLimit;
+            break;
+        }
+    }
+    if (negative)
+        return magnitude >= kLimit ? LONG_MIN : -static_cast<long>(magnitude);
+    return magnitude >= kLimit ? LONG_MAX : static_cast<long>(magnitude);
+}
+
+double UserDefaults::doubleValue(const DefaultsValue& value) {
+    if (auto number = Number::fromJson(value))
+        return number->doubleValue();
+    if (!value.is_string())
+        return 0;
+    // Decimal notation only: strtod would also read hexadecimal, "inf" and "nan".
+    const auto& text = value.get_ref<const std::string&>();
+    bool negative = false;
+    std::size_t i = numberStart(text, negative);
+    if (i >= text.size() || !(std::isdigit(static_cast<unsigned char>(text[i])) || text[i] == '.'))
+        return 0;
+    if (text.compare(i, 2, "0x") == 0 || text.compare(i, 2, "0X") == 0)
+        return 0;
+    double number = std::strtod(text.c_str() + i, nullptr);
+    if (!std::isfinite(number))
+        return 0;
+    return negative ? -number : number;
+}
+
+bool UserDefaults::boolValue(const DefaultsValue& value) {
+    if (auto number = Number::fromJson(value))
+        return number->boolValue();
+    if (!value.is_string())
+        return false;
+    // "YES", "true", "1" and "  +007": the first character after blanks, a sign and leading zeros
+    // decides, as the platform's boolValue of a text does.
+    const auto& text = value.get_ref<const std::string&>();
+    bool negative = false;
+    std::size_t i = numberStart(text, negative);
+    while (i < text.size() && text[i] == '0')
+        ++i;
+    if (i >= text.size())
+        return false;
+    char c = text[i];
+    return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+}
+
 long UserDefaults::integerForKey(const std::string& key) const {
     auto value = objectForKey(key);
-    if (!value)
-        return 0;
-    if (auto number = Number::fromJson(*value))
-        return static_cast<long>(number->intValue());
-    if (value->is_string())
-        return static_cast<long>(defaults_codec::leadingNumber(*value));
-    return 0;
+    return value ? integerValue(*value) : 0;
 }
 
 double UserDefaults::doubleForKey(const std::string& key) const {
     auto value = objectForKey(key);
-    if (!value)
-        return 0;
-    if (auto number = Number::fromJson(*value))
-        return number->doubleValue();
-    if (value->is_string())
-        return defaults_codec::leadingNumber(*value);
-    return 0;
+    return value ? doubleValue(*value) : 0;
 }
 
 bool UserDefaults::boolForKey(const std::string& key) const {
     auto value = objectForKey(key);
-    if (!value)
-        return false;
-    if (auto number = Number::fromJson(*value))
-        return number->boolValue();
-    if (value->is_string()) {
-        const auto& text = value->get_ref<const std::string&>();
-        if (text == "YES" || text == "yes" || text == "true" || text == "TRUE")
-            return true;
-        return defaults_codec::leadingNumber(*value) != 0;
-    }
-    return false;
+    return value ? boolValue(*value) : false;
 }
 
 DefaultsValue UserDefaults::dictionaryRepresentation() const {
+    std::optional<Error> ignored;
+    auto all = readAll(ignored);
+    return all ? std::move(*all) : DefaultsValue::object();
+}
+
+std::optional<DefaultsValue> UserDefaults::readAll(std::optional<Error>& error) const {
     DefaultsValue all = DefaultsValue::object();
     std::lock_guard lock(mutex_);
     sqlite3_stmt* statement = database_->selectAll;
@@ -323,10 +451,13 @@ DefaultsValue UserDefaults::dictionaryRepresentation() const {
             report("cannot read \"" + key + "\": " + problem);
         }
     }
-    if (rc != SQLITE_DONE)
-        report(std::string("cannot list: ") + sqlite3_errmsg(database_->db));
+    std::optional<DefaultsValue> result = std::move(all);
+    if (rc != SQLITE_DONE) {
+        error = readFailure(rc, "cannot list the settings");
+        result.reset();
+    }
     sqlite3_reset(statement);
-    return all;
+    return result;
 }
 
 bool UserDefaults::setObject(const DefaultsValue& value, const std::string& key) {

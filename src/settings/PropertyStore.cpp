@@ -4,7 +4,6 @@
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/settings/DeviceInfoProvider.hpp"
 #include "lmkit/settings/ENV.hpp"
-#include "lmkit/settings/SettingsHooks.hpp"
 
 namespace lmkit {
 
@@ -13,13 +12,9 @@ constexpr const char* kLogTag = "[PropertyStore] ";
 }  // namespace
 
 PropertyStore& PropertyStore::shared() {
-    static PropertyStore* store = [] {
-        auto* made = new PropertyStore(UserDefaults::suite(ENV::appGroup()), [] {
-            return DeviceInfoProvider::sharedProvider().deviceID();
-        });
-        installSettingsHooks();
-        return made;
-    }();
+    static PropertyStore* store = new PropertyStore(UserDefaults::suite(ENV::appGroup()), [] {
+        return DeviceInfoProvider::sharedProvider().deviceID();
+    });
     return *store;
 }
 
@@ -43,11 +38,11 @@ PropertyStore::PropertyStore(std::shared_ptr<UserDefaults> defaults,
       distinctID("SensorsDistinctId", std::nullopt, defaults),
       showCMPAlert("LMShowCMPAlert", std::nullopt, defaults),
       timeZoneOffset("LMSensorsTimeZoneOffsetKey", std::nullopt, defaults),
-      boostTime("LMOjectPropertyStoreBoostTimeKey", 0, defaults),
-      registerDeviceToken("LMOjectPropertyStoreRegisterDeviceTokenKey", false, defaults),
-      autoSelectSurvey("LMOjectPropertyStoreAutoSelectSurveyKey", false, defaults),
-      autoSelectBoostTime("LMOjectPropertyStoreAutoSelectBoostTimeKey", 0, defaults),
-      enableV4API("enableV4APIKey", false, defaults),
+      boostTime("LMOjectPropertyStoreBoostTimeKey", defaults),
+      registerDeviceToken("LMOjectPropertyStoreRegisterDeviceTokenKey", defaults),
+      autoSelectSurvey("LMOjectPropertyStoreAutoSelectSurveyKey", defaults),
+      autoSelectBoostTime("LMOjectPropertyStoreAutoSelectBoostTimeKey", defaults),
+      enableV4API("enableV4APIKey", defaults),
       userDefault_(std::move(defaults)),
       deviceID_(std::move(deviceID)) {}
 

@@ -63,7 +63,38 @@ class WrappersTest : public ::testing::Test {
     std::shared_ptr<UserDefaults> defaults_;
 };
 
+// The child of the exit test: queues many AppDefault writes into the container given in
+// LMKIT_APPDEFAULT_EXIT_CHILD, then leaves through exit() as a return from main does. It runs
+// as the test environment comes up, after every static of the kit is constructed.
+class ExitChild : public ::testing::Environment {
+  public:
+    void SetUp() override {
+        auto request = lmkit::testing::childRequest("LMKIT_APPDEFAULT_EXIT_CHILD");
+        if (!request)
+            return;
+        AppGroup::setContainerDirectoryForTesting(request->at(0));
+        for (int i = 0; i < 300; ++i)
+            AppDefault<int>("LMExitKey" + std::to_string(i)).set(i);
+        std::exit(0);
+    }
+};
+[[maybe_unused]] ::testing::Environment* const kExitChild =
+    ::testing::AddGlobalTestEnvironment(new ExitChild);
+
 }  // namespace
+
+TEST(AppDefaultExit, QueuedWritesAreOnDiskAfterANormalExit) {
+    TempDir dir;
+    auto child = lmkit::testing::spawnSelf("LMKIT_APPDEFAULT_EXIT_CHILD", dir.path().string());
+    ASSERT_GT(child, 0);
+    ASSERT_EQ(lmkit::testing::waitExit(child), 0);
+    AppGroup::setContainerDirectoryForTesting(dir.path());
+    auto defaults = UserDefaults::open(kAppGroupIdentifier);
+    AppGroup::setContainerDirectoryForTesting({});
+    ASSERT_TRUE(defaults);
+    for (int i = 0; i < 300; ++i)
+        EXPECT_TRUE(defaults->dataForKey("LMExitKey" + std::to_string(i))) << i;
+}
 
 TEST_F(WrappersTest, AppDefaultStoresTheWrappedJSONAndNilRemoves) {
     AppDefault<long> count("LMBoostTimesWithoutCheckListKey");

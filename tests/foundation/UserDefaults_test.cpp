@@ -5,12 +5,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <random>
 #include <set>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -140,6 +142,21 @@ TEST_F(UserDefaultsTest, ValuesKeepTheirKindAcrossConnections) {
     EXPECT_EQ(reader->integerForKey("int"), 42);
     ASSERT_TRUE(writer->setObject("YES", "flag"));
     EXPECT_TRUE(reader->boolForKey("flag"));
+    // Texts convert as the platform's text accessors read them.
+    for (auto [text, integer, flag] : {std::tuple{"5", 5L, true},
+                                       {" -12x", -12L, true},
+                                       {"true", 0L, true},
+                                       {"no", 0L, false},
+                                       {"0x10", 0L, false},
+                                       {"+007", 7L, true},
+                                       {"0.5", 0L, false},
+                                       {"nan", 0L, false}}) {
+        EXPECT_EQ(UserDefaults::integerValue(text), integer) << text;
+        EXPECT_EQ(UserDefaults::boolValue(text), flag) << text;
+    }
+    EXPECT_EQ(UserDefaults::doubleValue("2.5e1s"), 25.0);
+    EXPECT_EQ(UserDefaults::doubleValue("inf"), 0.0);
+    EXPECT_EQ(UserDefaults::integerValue("99999999999999999999"), LONG_MAX);
     ASSERT_TRUE(writer->removeObjectForKey("int"));
     ASSERT_TRUE(writer->setObject(nullptr, "string"));
     EXPECT_FALSE(reader->objectForKey("int"));
@@ -167,6 +184,38 @@ TEST_F(UserDefaultsTest, DamagedRowsReadAsNilAndLog) {
     EXPECT_EQ(capture.count("[UserDefaults] cannot read \"kind\""), 1u);
     auto all = defaults->dictionaryRepresentation();
     EXPECT_EQ(all, DefaultsValue({{"good", "kept"}}));
+}
+
+TEST_F(UserDefaultsTest, ADamagedPageIsReportedWithSqlitesCheckAndTheFileKept) {
+    auto path = dir_.path() / "damaged.sqlite";
+    {
+        auto defaults = UserDefaults::openAt(path);
+        ASSERT_TRUE(defaults);
+        for (int i = 0; i < 400; ++i)
+            ASSERT_TRUE(defaults->setObject(std::string(200, 'v'), "key" + std::to_string(i)));
+        EXPECT_FALSE(defaults->integrityCheck());
+    }  // the last connection folds the write-ahead log into the file
+    auto size = std::filesystem::file_size(path);
+    ASSERT_GT(size, 8u * 4096u);
+    {
+        std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(5 * 4096);
+        std::string garbage(4096, '\xab');
+        file.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
+    }
+    auto defaults = UserDefaults::openAt(path);
+    ASSERT_TRUE(defaults);
+    log::Capture capture;
+    std::optional<Error> error;
+    EXPECT_FALSE(defaults->readAll(error));
+    ASSERT_TRUE(error);
+    EXPECT_NE(error->localizedDescription().find("is damaged (SQLITE_CORRUPT)"), std::string::npos)
+        << error->localizedDescription();
+    EXPECT_NE(error->localizedDescription().find("integrity check: "), std::string::npos);
+    EXPECT_EQ(capture.count("[UserDefaults] "), 1u);
+    EXPECT_TRUE(defaults->integrityCheck());
+    EXPECT_TRUE(std::filesystem::exists(path));
+    EXPECT_EQ(std::filesystem::file_size(path), size);
 }
 
 TEST_F(UserDefaultsTest, BusyDatabaseWaitsThenFailsWithoutLosingTheOldValue) {

@@ -121,6 +121,17 @@ TEST_F(PropertyStoreTest, WrappedSettingsLandUnderTheirKeysInTheirStoredForms) {
     EXPECT_EQ(other.boostTime.get(), 120);
     EXPECT_TRUE(other.autoSelectSurvey.get());
 
+    // Plain settings read like the defaults' accessors: texts and numbers written by another
+    // program convert instead of reading as 0 or false.
+    defaults_->setObject("5", "LMOjectPropertyStoreBoostTimeKey");
+    defaults_->setObject("YES", "LMOjectPropertyStoreRegisterDeviceTokenKey");
+    defaults_->setObject(2.0, "enableV4APIKey");
+    defaults_->setObject("0", "LMOjectPropertyStoreAutoSelectSurveyKey");
+    EXPECT_EQ(other.boostTime.get(), 5);
+    EXPECT_TRUE(other.registerDeviceToken.get());
+    EXPECT_TRUE(other.enableV4API.get());
+    EXPECT_FALSE(other.autoSelectSurvey.get());
+
     // nil removes the key.
     s.apiHost.set(nullptr);
     waitForWrites();

@@ -66,6 +66,19 @@ TEST_F(SettingsCommandTest, StoreSettingsAreWrittenAndShownInTheirStoredForms) {
     run("settings set SensorsDistinctId 12345", &status);  // a text setting keeps the digits
     EXPECT_EQ(get("SensorsDistinctId")["value"], "12345");
 
+    // A plain value is stored as JSON when it reads as JSON, as text otherwise or with --text.
+    run("settings set LMOjectPropertyStoreBoostTimeKey 5", &status);
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(get("LMOjectPropertyStoreBoostTimeKey")["kind"], "integer");
+    run("settings set enableV4APIKey true", &status);
+    EXPECT_EQ(get("enableV4APIKey")["kind"], "boolean");
+    run(R"(settings set Custom '{"a":1}')", &status);
+    EXPECT_EQ(get("Custom")["value"]["a"], 1);
+    run("settings set Custom 5 --text", &status);
+    EXPECT_EQ(get("Custom")["kind"], "string");
+    run("settings set Custom words", &status);
+    EXPECT_EQ(get("Custom")["value"], "words");
+
     run(R"(settings set ACC_CONFIG '{"ping":300,"loss":100}')", &status);
     ASSERT_EQ(status, 0);
     auto archive = get("ACC_CONFIG");
@@ -104,6 +117,10 @@ TEST_F(SettingsCommandTest, BadValuesUnknownKeysAndUnreadableStoresFailInOneLine
     expectOneLineFailure("settings set LAST_ACCERLATED_GAME '[1]'", "is not a valid Game");
     expectOneLineFailure("settings set LMCellularIPKey '{\"ip\":\"1.2.3.4\"}'",
                          "is not a valid PublicIP");
+    expectOneLineFailure("settings set Custom nan", "is not a finite number");
+    expectOneLineFailure("settings set Custom -- -Infinity", "is not a finite number");
+    expectOneLineFailure("settings set LMLastPingKey inf", "is not a finite number");
+    expectOneLineFailure("settings set Custom nan --type double", "is not a finite number");
     EXPECT_EQ(get("LMLastPingKey")["value"], 7);  // nothing was lost
     expectOneLineFailure("settings get NoSuchKey", "no value under \"NoSuchKey\"");
 
@@ -112,6 +129,42 @@ TEST_F(SettingsCommandTest, BadValuesUnknownKeysAndUnreadableStoresFailInOneLine
                   std::ios::trunc)
         << "this is no database, only words that fill its first page" << std::string(600, '.');
     expectOneLineFailure("settings list", "cannot");
+}
+
+TEST_F(SettingsCommandTest, TheContainerIsPrivateAndAnEmptyDirectoryVariableIsAnError) {
+    int status = -1;
+    std::string errors;
+    run("settings set Custom 1", &status);  // under the test's own umask
+    auto group = dir_.path() / "group";
+    fs::remove_all(group);
+    lmkit::testing::runCommand("umask 000; LMKIT_APP_GROUP_DIR='" + group.string() + "' '" +
+                                   LMKIT_TOOL_PATH + "' settings set Token secret",
+                               &status);
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(fs::status(group).permissions() & fs::perms::all, fs::perms::owner_all);
+    auto database = group / "Preferences" / (std::string(lmkit::kAppGroupIdentifier) + ".sqlite");
+    EXPECT_EQ(fs::status(database).permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write);
+
+    // The deployment file names the app group and its container for every store at once, ahead
+    // of the environment variable.
+    auto file = dir_.path() / "Environment.json";
+    auto deployed = dir_.path() / "deployed";
+    std::ofstream(file)
+        << json{{"appGroup", "group.deploy.test"}, {"appGroupDirectory", deployed.string()}}.dump();
+    auto withFile = "LMKIT_ENVIRONMENT_FILE='" + file.string() + "' LMKIT_APP_GROUP_DIR='" +
+                    group.string() + "' '" + LMKIT_TOOL_PATH + "' ";
+    lmkit::testing::runCommand(withFile + "settings set Custom 2", &status);
+    ASSERT_EQ(status, 0);
+    EXPECT_TRUE(fs::exists(deployed / "Preferences" / "group.deploy.test.sqlite"));
+    auto env = json::parse(lmkit::testing::runCommand(withFile + "env --json", &status));
+    EXPECT_EQ(env["identities"]["appGroup"], "group.deploy.test");
+
+    auto out = lmkit::testing::runCommand(
+        "LMKIT_APP_GROUP_DIR= '" + std::string(LMKIT_TOOL_PATH) + "' settings list 2>&1", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+    EXPECT_NE(out.find("LMKIT_APP_GROUP_DIR is set but empty"), std::string::npos) << out;
 }
 
 TEST_F(SettingsCommandTest, EnvShowsTheBuildEnvironmentOfTheBundle) {
@@ -125,4 +178,16 @@ TEST_F(SettingsCommandTest, EnvShowsTheBuildEnvironmentOfTheBundle) {
     EXPECT_TRUE(out["build"]["profileName"].is_null());
     auto text = run("env", &status);
     EXPECT_NE(text.find("testflight"), std::string::npos) << text;
+
+    // A bundle path that is not UTF-8 is printed escaped, not fatal.
+    auto odd = dir_.path() / "odd\xff";
+    fs::create_directories(odd);
+    auto escaped = lmkit::testing::runCommand(
+        "LMKIT_APP_GROUP_DIR='" + (dir_.path() / "group").string() + "' LMKIT_BUNDLE_DIR='" +
+            odd.string() + "' '" + LMKIT_TOOL_PATH + "' env --json",
+        &status);
+    ASSERT_EQ(status, 0) << escaped;
+    EXPECT_NE(json::parse(escaped)["build"]["bundleDirectory"].get<std::string>().find("odd\\xff"),
+              std::string::npos)
+        << escaped;
 }

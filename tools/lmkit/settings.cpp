@@ -1,8 +1,11 @@
 // lmkit settings: read and change the settings suite that the app and the tunnel share.
+#include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <fmt/format.h>
@@ -22,7 +25,8 @@ struct SettingsOptions {
     std::string suite = ENV::appGroup();
     std::string key;
     std::string value;
-    std::string type = "string";
+    std::string type = "auto";  // JSON when the text is JSON, else text
+    bool text = false;
     bool wrap = false;
 };
 
@@ -133,16 +137,39 @@ Checker wrappedChecker(const std::shared_ptr<UserDefaults>& defaults, const std:
     return found != checks.end() ? found->second : Checker();
 }
 
+// Infinity and NaN have no JSON form: stored, they would read back as null.
+bool allFinite(const DefaultsValue& value) {
+    if (value.is_number_float())
+        return std::isfinite(value.get<double>());
+    if (value.is_structured()) {
+        for (const auto& element : value)
+            if (!allFinite(element))
+                return false;
+    }
+    return true;
+}
+
+// "nan", "-inf", "Infinity": texts that name no finite number.
+bool namesNonFiniteNumber(std::string_view text) {
+    if (!text.empty() && (text.front() == '+' || text.front() == '-'))
+        text.remove_prefix(1);
+    std::string lower;
+    for (char c : text)
+        lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return lower == "nan" || lower == "inf" || lower == "infinity";
+}
+
 DefaultsValue parseValue(const SettingsOptions& options) {
     const std::string& text = options.value;
+    const std::string type = options.text ? "string" : options.type;
     DefaultsValue value;
     try {
         std::size_t used = 0;
-        if (options.type == "int") {
+        if (type == "int") {
             value = std::stoll(text, &used);
-        } else if (options.type == "double") {
+        } else if (type == "double") {
             value = std::stod(text, &used);
-        } else if (options.type == "bool") {
+        } else if (type == "bool") {
             if (text == "true" || text == "1" || text == "yes" || text == "YES") {
                 value = true;
             } else if (text == "false" || text == "0" || text == "no" || text == "NO") {
@@ -151,23 +178,57 @@ DefaultsValue parseValue(const SettingsOptions& options) {
                 throw Failure("\"" + text + "\" is not a boolean (true/false, yes/no, 1/0)");
             }
             used = text.size();
-        } else if (options.type == "json") {
+        } else if (type == "json") {
             value = nlohmann::ordered_json::parse(text);
+            used = text.size();
+        } else if (type == "auto") {
+            if (namesNonFiniteNumber(text))
+                throw Failure("\"" + text +
+                              "\" is not a finite number and cannot be stored as one; use --text "
+                              "to store it as text");
+            value = nlohmann::ordered_json::parse(text, nullptr, false);
+            if (value.is_discarded() || value.is_null())
+                value = text;
             used = text.size();
         } else {
             value = text;
             used = text.size();
         }
         if (used != text.size())
-            throw Failure("\"" + text + "\" is not a whole " + options.type);
+            throw Failure("\"" + text + "\" is not a whole " + type);
     } catch (const Failure&) {
         throw;
     } catch (const std::exception&) {
-        throw Failure("\"" + text + "\" is not a valid " + options.type);
+        throw Failure("\"" + text + "\" is not a valid " + type);
     }
     if (value.is_null())
         throw Failure("null is not a setting value; use delete");
+    if (!allFinite(value))
+        throw Failure("\"" + text + "\" is not a finite number and cannot be stored");
     return value;
+}
+
+// The kind a value is stored as, for `get --json`.
+std::string storedKind(const DefaultsValue& value) {
+    switch (value.type()) {
+        case DefaultsValue::value_t::number_integer:
+        case DefaultsValue::value_t::number_unsigned:
+            return "integer";
+        case DefaultsValue::value_t::number_float:
+            return "floating";
+        case DefaultsValue::value_t::boolean:
+            return "boolean";
+        case DefaultsValue::value_t::string:
+            return "string";
+        case DefaultsValue::value_t::binary:
+            return "data";
+        case DefaultsValue::value_t::array:
+            return "array";
+        case DefaultsValue::value_t::object:
+            return "dictionary";
+        default:
+            return "null";
+    }
 }
 
 DefaultsValue wrapped(const DefaultsValue& value) {
@@ -180,9 +241,15 @@ DefaultsValue wrappedSettingValue(const std::shared_ptr<UserDefaults>& defaults,
                                   const SettingKey& setting, SettingsOptions options,
                                   bool typeGiven) {
     auto check = wrappedChecker(defaults, setting.property);
+    if (!options.text && !typeGiven && namesNonFiniteNumber(options.value))
+        throw Failure("\"" + options.value +
+                      "\" is not a finite number and cannot be stored as one; use --text to "
+                      "store it as text");
     std::vector<std::string> types{options.type};
-    if (!typeGiven)
-        types = {"json", "string"};
+    if (options.text)
+        types = {"string"};
+    else if (!typeGiven)
+        types = {"auto", "string"};
     std::string why;
     for (const auto& type : types) {
         options.type = type;
@@ -210,6 +277,7 @@ void printEntry(const std::shared_ptr<UserDefaults>& defaults, const std::string
         if (setting)
             entry["property"] = setting->property;
         entry["form"] = shown.form;
+        entry["kind"] = storedKind(stored);
         if (!shown.type.empty())
             entry["class"] = shown.type;
         entry["value"] = shown.value;
@@ -281,8 +349,11 @@ Command settings(
         auto* set = app.add_subcommand("set", "Store a value under a key");
         set->add_option("KEY", options->key)->required();
         set->add_option("VALUE", options->value)->required();
-        set->add_option("--type", options->type, "Value type")
-            ->check(CLI::IsMember({"int", "double", "bool", "string", "json"}));
+        set->add_option("--type", options->type,
+                        "Value type (default: JSON when VALUE is JSON, such as 5, true or "
+                        "{\"a\":1}, else text)")
+            ->check(CLI::IsMember({"auto", "int", "double", "bool", "string", "json"}));
+        set->add_flag("--text", options->text, "Store VALUE as text, even when it reads as JSON");
         set->add_flag("--wrap", options->wrap,
                       "Store as an AppDefault does ({\"wrapped\": value}); automatic for the "
                       "stores' wrapped settings, whose records are given as JSON");
@@ -296,7 +367,12 @@ Command settings(
         return [options, list, get, set, remove, &common]() -> int {
             auto defaults = openSuite(options->suite);
             if (list->parsed()) {
-                auto all = defaults->dictionaryRepresentation();
+                std::optional<Error> error;
+                auto read = defaults->readAll(error);
+                if (!read)
+                    throw Failure(error ? error->localizedDescription()
+                                        : "cannot list " + defaults->path().string());
+                auto& all = *read;
                 if (common.json) {
                     nlohmann::ordered_json out = nlohmann::ordered_json::object();
                     for (auto& [key, stored] : all.items())
@@ -309,7 +385,10 @@ Command settings(
                 return 0;
             }
             if (get->parsed()) {
-                auto stored = defaults->objectForKey(options->key);
+                std::optional<Error> error;
+                auto stored = defaults->objectForKey(options->key, error);
+                if (error)
+                    throw Failure(error->localizedDescription());
                 if (!stored)
                     throw Failure("no value under \"" + options->key + "\"");
                 printEntry(defaults, options->key, *stored, common.json);
@@ -322,6 +401,7 @@ Command settings(
                                 setting->form == SettingForm::Archive ||
                                 setting->form == SettingForm::Encrypted)) {
                     options->type = "json";
+                    options->text = false;
                     storeRecord(defaults, *setting, parseValue(*options));
                     return 0;
                 }

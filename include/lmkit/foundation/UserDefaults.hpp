@@ -24,7 +24,8 @@ namespace lmkit {
 using DefaultsValue = nlohmann::ordered_json;
 using DefaultsData = std::vector<std::uint8_t>;
 
-/// The identifier of the app group whose suite the app and its tunnel share.
+/// The built-in identifier of the app group whose suite the app and its tunnel share (a
+/// deployment file may name another; AppGroup::identifier() gives the one in force).
 inline constexpr const char* kAppGroupIdentifier = "group.com.lmkit.shared";
 
 /// A typed key-value store kept in one SQLite database per suite, so that the app and the tunnel
@@ -55,9 +56,10 @@ class UserDefaults {
     /// The process's own store (not shared with the other process): a database named after the
     /// running program under "<app group>/Standard/".
     static std::shared_ptr<UserDefaults> standard();
-    /// The shared suite `suiteName` of the current app-group directory, one instance per path in
-    /// the process. Fatal when the suite cannot be opened (see the constructor).
-    static std::shared_ptr<UserDefaults> suite(const std::string& suiteName = kAppGroupIdentifier);
+    /// The shared suite `suiteName` of the current app-group directory (empty: the app group's
+    /// own suite, AppGroup::identifier()), one instance per path in the process. Fatal when the
+    /// suite cannot be opened (see the constructor).
+    static std::shared_ptr<UserDefaults> suite(const std::string& suiteName = {});
 
     /// The database file of suite `suiteName`: "<app group>/Preferences/<suiteName>.sqlite".
     static std::filesystem::path pathForSuite(const std::string& suiteName);
@@ -66,6 +68,10 @@ class UserDefaults {
 
     // Reading. A missing key gives nullopt (or the accessor's zero value).
     std::optional<DefaultsValue> objectForKey(const std::string& key) const;
+    /// Also says why a read failed: a damaged database (SQLITE_CORRUPT) names SQLite's own
+    /// integrity check of it. The file is never deleted or rewritten here.
+    std::optional<DefaultsValue> objectForKey(const std::string& key,
+                                              std::optional<Error>& error) const;
     std::optional<std::string> stringForKey(const std::string& key) const;
     std::optional<Number> numberForKey(const std::string& key) const;
     std::optional<DefaultsData> dataForKey(const std::string& key) const;
@@ -76,8 +82,21 @@ class UserDefaults {
     double doubleForKey(const std::string& key) const;
     /// Numbers are true when non-zero; strings "YES", "true" or a non-zero number are true.
     bool boolForKey(const std::string& key) const;
-    /// Every key and its value, keys in ascending order.
+
+    /// The conversions behind the typed accessors, for any stored value: a number converts (to a
+    /// boolean by non-zero); a text gives its leading decimal number, or for a boolean true when
+    /// its first character after blanks, a sign and zeros is Y, T or a digit 1-9 ("YES", "true",
+    /// "1"); anything else gives 0 or false.
+    static long integerValue(const DefaultsValue& value);
+    static double doubleValue(const DefaultsValue& value);
+    static bool boolValue(const DefaultsValue& value);
+    /// Every key and its value, keys in ascending order (what could be read, when a read fails).
     DefaultsValue dictionaryRepresentation() const;
+    /// Every key and its value, or nullopt and `error` when the list cannot be read whole (a
+    /// damaged database is reported as in objectForKey).
+    std::optional<DefaultsValue> readAll(std::optional<Error>& error) const;
+    /// SQLite's integrity check of the database: nullopt when it is sound, else what it found.
+    std::optional<std::string> integrityCheck() const;
 
     // Writing. Each returns true when the value is committed.
     bool setObject(const DefaultsValue& value, const std::string& key);
@@ -102,6 +121,8 @@ class UserDefaults {
     UserDefaults(std::filesystem::path path, std::unique_ptr<Database> database);
     static std::unique_ptr<Database> openDatabase(const std::filesystem::path& path,
                                                   std::optional<Error>* error);
+    Error readFailure(int rc, const std::string& what) const;  // mutex_ held
+    std::string integrityCheckLocked() const;                  // mutex_ held
 
     std::filesystem::path path_;
     mutable std::mutex mutex_;

@@ -10,6 +10,7 @@
 
 #include "lmkit/foundation/AppDefault.hpp"
 #include "lmkit/foundation/AppMTLDefault.hpp"
+#include "lmkit/foundation/PlainDefault.hpp"
 #include "lmkit/foundation/UserDefault.hpp"
 #include "lmkit/models/PublicIP.hpp"
 #include "lmkit/settings/APIHost.hpp"
@@ -27,8 +28,7 @@ namespace lmkit {
 /// one defaults write queue, the plain ones (UserDefault) synchronous.
 class PropertyStore {
   public:
-    /// The store of the app-group suite (ENV::appGroup()), made on first use. The first use also
-    /// connects the settings to the parts of the kit that read them (installSettingsHooks()).
+    /// The store of the app-group suite (ENV::appGroup()), made on first use.
     static PropertyStore& shared();
 
     /// A store over `defaults` whose public address is keyed with the text `deviceID` gives
@@ -59,11 +59,11 @@ class PropertyStore {
     AppDefault<bool> showCMPAlert;
     AppDefault<std::string> timeZoneOffset;
     // "Oject" is how these keys were first written; installed apps hold their values under it.
-    UserDefault<long> boostTime;
-    UserDefault<bool> registerDeviceToken;
-    UserDefault<bool> autoSelectSurvey;
-    UserDefault<long> autoSelectBoostTime;
-    UserDefault<bool> enableV4API;
+    PlainDefault<long> boostTime;
+    PlainDefault<bool> registerDeviceToken;
+    PlainDefault<bool> autoSelectSurvey;
+    PlainDefault<long> autoSelectBoostTime;
+    PlainDefault<bool> enableV4API;
 
     /// The API host's address as last resolved; held in memory only.
     std::optional<std::string> apiHostIP() const;
