@@ -9,14 +9,10 @@
 
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/foundation/UserDefaults.hpp"
+#include "lmkit/platform/AppGroup.hpp"
 #include "lmkit/settings/AppBuildEnv.hpp"
 
 namespace lmkit::settings_detail {
-
-namespace {
-constexpr const char* kFileVariable = "LMKIT_ENVIRONMENT_FILE";
-constexpr const char* kBundleFileName = "Environment.json";
-}  // namespace
 
 DeploymentSettings builtInDeploymentSettings() {
     // This build talks to no real service: the hosts are under the reserved ".invalid" domain,
@@ -52,6 +48,7 @@ DeploymentSettings loadDeploymentSettings(const std::filesystem::path& file, std
     }
     const std::map<std::string, std::string DeploymentSettings::*> members{
         {"appGroup", &DeploymentSettings::appGroup},
+        {"appGroupDirectory", &DeploymentSettings::appGroupDirectory},
         {"teamIdentifier", &DeploymentSettings::teamIdentifier},
         {"bundleIdentifier", &DeploymentSettings::bundleIdentifier},
         {"analyticsHost", &DeploymentSettings::analyticsHost},
@@ -81,16 +78,9 @@ DeploymentSettings loadDeploymentSettings(const std::filesystem::path& file, std
 
 const DeploymentSettings& deploymentSettings() {
     static const DeploymentSettings settings = [] {
-        std::filesystem::path file;
-        if (const char* named = std::getenv(kFileVariable); named && *named) {
-            file = named;
-        } else {
-            auto candidate = AppBuildEnv::bundleDirectory() / kBundleFileName;
-            std::error_code ec;
-            if (!std::filesystem::exists(candidate, ec))
-                return builtInDeploymentSettings();
-            file = candidate;
-        }
+        auto file = AppGroup::deploymentFile();
+        if (file.empty())
+            return builtInDeploymentSettings();
         std::string error;
         auto loaded = loadDeploymentSettings(file, error);
         if (!error.empty())

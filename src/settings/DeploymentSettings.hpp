@@ -11,6 +11,7 @@ namespace lmkit::settings_detail {
 
 struct DeploymentSettings {
     std::string appGroup;
+    std::string appGroupDirectory;  // the shared container; empty: see AppGroup
     std::string teamIdentifier;
     std::string bundleIdentifier;
     std::string analyticsHost;
@@ -33,8 +34,9 @@ DeploymentSettings builtInDeploymentSettings();
 /// unknown or not a text is skipped and named in `error`.
 DeploymentSettings loadDeploymentSettings(const std::filesystem::path& file, std::string& error);
 
-/// The settings of this process, read once: LMKIT_ENVIRONMENT_FILE, else "Environment.json" in
-/// the app bundle directory when it exists, else the built-in values. Problems are logged.
+/// The settings of this process, read once from AppGroup::deploymentFile() (LMKIT_ENVIRONMENT_FILE,
+/// else "Environment.json" in the app bundle directory), else the built-in values. Problems are
+/// logged.
 const DeploymentSettings& deploymentSettings();
 
 }  // namespace lmkit::settings_detail

@@ -5,6 +5,7 @@
 
 #include "lmkit/foundation/Data.hpp"
 #include "lmkit/foundation/DataDigest.hpp"
+#include "lmkit/platform/AppGroup.hpp"
 #include "lmkit/settings/PropertyStore.hpp"
 #include "settings/DeploymentSettings.hpp"
 
@@ -106,7 +107,7 @@ nlohmann::ordered_json ENVHost::toJson() const {
 }
 
 std::string ENV::appGroup() {
-    return deploymentSettings().appGroup;
+    return AppGroup::identifier();
 }
 
 std::string ENV::keychainGroup() {

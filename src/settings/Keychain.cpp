@@ -117,6 +117,8 @@ bool Keychain::update(const std::string& key, const std::optional<std::string>& 
     // The other process may be updating the same file: hold the lock from read to rename.
     Descriptor lock{
         ::open((path_.string() + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kItemFileMode)};
+    if (lock.fd >= 0)
+        ::fchmod(lock.fd, kItemFileMode);
     if (lock.fd < 0 || ::flock(lock.fd, LOCK_EX) != 0) {
         assign(error, systemError("cannot lock", path_, errno));
         return false;
