@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -21,14 +20,12 @@
 #include <unordered_map>
 
 #include "platform/WormholeFileName.hpp"
+#include "platform/WormholeMessageFile.hpp"
+#include "platform/WormholeSequence.hpp"
 
 namespace lmkit {
 
 namespace {
-
-// A message file larger than this is not a message of ours; the reader leaves it alone rather
-// than loading it.
-constexpr std::size_t kMaxMessageBytes = 16 * 1024 * 1024;
 
 // One read() of the inotify descriptor. Events are coalesced per identifier over a batch, so a
 // larger buffer lets a reader that fell behind skip more superseded messages at once.
@@ -36,34 +33,6 @@ constexpr std::size_t kEventBufferBytes = 64 * 1024;
 // Reads per batch before the reader delivers what it has, so a writer that never pauses cannot
 // starve the listeners.
 constexpr int kMaxReadsPerBatch = 16;
-
-std::optional<Wormhole::Bytes> readWholeFile(int directoryFd, const std::string& name) {
-    int fd = ::openat(directoryFd, name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0)
-        return std::nullopt;
-    std::optional<Wormhole::Bytes> result;
-    struct stat info {};
-    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
-        static_cast<std::uint64_t>(info.st_size) <= kMaxMessageBytes) {
-        Wormhole::Bytes bytes(static_cast<std::size_t>(info.st_size));
-        std::size_t done = 0;
-        bool ok = true;
-        while (done < bytes.size()) {
-            ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0) {
-                ok = false;
-                break;
-            }
-            done += static_cast<std::size_t>(n);
-        }
-        if (ok)
-            result = std::move(bytes);
-    }
-    ::close(fd);
-    return result;
-}
 
 bool writeAll(int fd, const Wormhole::Bytes& bytes) {
     std::size_t done = 0;
@@ -116,11 +85,13 @@ struct Wormhole::State : std::enable_shared_from_this<Wormhole::State> {
     std::mutex listenersMutex;
     std::unordered_map<std::string, std::shared_ptr<Listener>> listeners;  // listenersMutex
 
+    DiagnosticHandler diagnostics;  // listenersMutex
+
     // Writers of this process take their sequence and replace their previous file one at a time.
     std::mutex writeMutex;
-    std::uint64_t lastSequence = 0;                            // guarded by writeMutex
-    std::unordered_map<std::string, std::string> ownPrevious;  // guarded by writeMutex
-    std::uint64_t temporaryCounter = 0;                        // guarded by writeMutex
+    std::unique_ptr<wormhole_detail::SequenceCounter> counter;  // guarded by writeMutex
+    std::unordered_map<std::string, std::string> ownPrevious;   // guarded by writeMutex
+    std::uint64_t temporaryCounter = 0;                         // guarded by writeMutex
 
     // The newest message handed to the queue per identifier; reader thread only.
     std::unordered_map<std::string, wormhole_detail::MessageOrder> delivered;
@@ -136,18 +107,60 @@ struct Wormhole::State : std::enable_shared_from_this<Wormhole::State> {
         return listeners.count(identifier) != 0;
     }
 
-    void deliver(const std::string& identifier, const wormhole_detail::MessageFileName& file) {
+    void report(const std::string& line) {
+        DiagnosticHandler handler;
+        {
+            std::lock_guard lock(listenersMutex);
+            handler = diagnostics;
+        }
+        if (!handler)
+            return;
+        try {
+            handler(line);
+        } catch (...) {
+            // A diagnostic that cannot be told is lost, not the message channel.
+        }
+    }
+
+    // Reads a message file; one that is there but cannot be a message is moved aside so that
+    // neither this reader nor any other stumbles over it again.
+    wormhole_detail::MessageRead read(const std::string& name) {
+        auto result = wormhole_detail::readMessageFile(directoryFd, name);
+        if (result.outcome == wormhole_detail::MessageRead::Outcome::Unreadable) {
+            int error = wormhole_detail::quarantine(directoryFd, name);
+            if (error == 0)
+                report("moved aside the unreadable message file " + name + " (" + result.reason +
+                       ") as " + wormhole_detail::quarantineName(name));
+            else if (error != ENOENT)  // ENOENT: another reader moved it first
+                report("cannot move aside the unreadable message file " + name + " (" +
+                       result.reason + "): " + std::strerror(error));
+        }
+        return result;
+    }
+
+    // A message file older than one that was read: a regular file goes, anything else under a
+    // message name is moved aside like any unreadable file, so that nobody's FIFO or directory
+    // is deleted on the channel's say-so.
+    void removeSuperseded(const std::string& name) {
+        struct stat info {};
+        if (::fstatat(directoryFd, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
+            return;
+        if (S_ISREG(info.st_mode))
+            ::unlinkat(directoryFd, name.c_str(), 0);
+        else
+            read(name);
+    }
+
+    bool isDelivered(const std::string& identifier, const wormhole_detail::MessageOrder& order) {
         auto last = delivered.find(identifier);
-        if (last != delivered.end() && !(last->second < file.order()))
-            return;
-        if (!hasListener(identifier))
-            return;
-        auto bytes = readWholeFile(directoryFd, file.fileName);
-        if (!bytes)  // already replaced and unlinked: its successor has an event of its own
-            return;
-        delivered[identifier] = file.order();
+        return last != delivered.end() && !(last->second < order);
+    }
+
+    void enqueue(const std::string& identifier, const wormhole_detail::MessageOrder& order,
+                 Bytes message) {
+        delivered[identifier] = order;
         std::weak_ptr<State> weak = weak_from_this();
-        queue->async([weak, identifier, message = std::move(*bytes)] {
+        queue->async([weak, identifier, message = std::move(message)] {
             auto self = weak.lock();
             if (!self)
                 return;
@@ -168,6 +181,44 @@ struct Wormhole::State : std::enable_shared_from_this<Wormhole::State> {
         });
     }
 
+    // Delivers the newest readable message of `identifier` that is newer than the last one
+    // delivered, looking at the directory itself.
+    void deliverNewestOf(const std::string& identifier) {
+        if (!hasListener(identifier))
+            return;
+        auto files = scanDirectory(directoryFd, &identifier);
+        auto found = files.find(identifier);
+        if (found == files.end())
+            return;
+        for (const auto& file : found->second) {
+            if (isDelivered(identifier, file.order()))
+                return;
+            auto message = read(file.fileName);
+            if (message.outcome == wormhole_detail::MessageRead::Outcome::Read) {
+                enqueue(identifier, file.order(), std::move(message.bytes));
+                return;
+            }
+        }
+    }
+
+    void deliver(const std::string& identifier, const wormhole_detail::MessageFileName& file) {
+        if (isDelivered(identifier, file.order()) || !hasListener(identifier))
+            return;
+        auto message = read(file.fileName);
+        switch (message.outcome) {
+            case wormhole_detail::MessageRead::Outcome::Read:
+                enqueue(identifier, file.order(), std::move(message.bytes));
+                return;
+            case wormhole_detail::MessageRead::Outcome::Vanished:
+                // Replaced and unlinked already: its successor has an event of its own.
+                return;
+            case wormhole_detail::MessageRead::Outcome::Unreadable:
+                // The message it was meant to be is lost; the newest one before it is not.
+                deliverNewestOf(identifier);
+                return;
+        }
+    }
+
     void rescanListened() {
         std::vector<std::string> identifiers;
         {
@@ -175,12 +226,8 @@ struct Wormhole::State : std::enable_shared_from_this<Wormhole::State> {
             for (const auto& [identifier, listener] : listeners)
                 identifiers.push_back(identifier);
         }
-        for (const auto& identifier : identifiers) {
-            auto files = scanDirectory(directoryFd, &identifier);
-            auto found = files.find(identifier);
-            if (found != files.end() && !found->second.empty())
-                deliver(identifier, found->second.front());
-        }
+        for (const auto& identifier : identifiers)
+            deliverNewestOf(identifier);
     }
 
     void readLoop() {
@@ -243,15 +290,6 @@ struct Wormhole::State : std::enable_shared_from_this<Wormhole::State> {
                 deliver(file->identifier, *file);
         }
     }
-
-    std::uint64_t nextSequence() {
-        auto now = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                       std::chrono::system_clock::now().time_since_epoch())
-                       .count();
-        auto candidate = now > 0 ? static_cast<std::uint64_t>(now) : 0;
-        lastSequence = std::max(candidate, lastSequence + 1);
-        return lastSequence;
-    }
 };
 
 Wormhole::Wormhole(std::filesystem::path containerDirectory, const std::string& optionalDirectory,
@@ -260,7 +298,7 @@ Wormhole::Wormhole(std::filesystem::path containerDirectory, const std::string& 
     state_->directory =
         optionalDirectory.empty() ? containerDirectory : containerDirectory / optionalDirectory;
     char label[64];
-    std::snprintf(label, sizeof label, "com.wormhole.listenerQueue.%p",
+    std::snprintf(label, sizeof label, "lmkit.wormhole.listenerQueue.%p",
                   static_cast<void*>(state_.get()));
     state_->queue = DispatchQueue::serial(label);
 
@@ -269,8 +307,11 @@ Wormhole::Wormhole(std::filesystem::path containerDirectory, const std::string& 
     state_->directoryFd = ::open(state_->directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     state_->inotifyFd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     state_->stopFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (state_->directoryFd < 0 || state_->inotifyFd < 0 || state_->stopFd < 0)
+    if (state_->directoryFd < 0)
         return;  // a carrier without a directory writes nothing and hears nothing
+    state_->counter = std::make_unique<wormhole_detail::SequenceCounter>(state_->directoryFd);
+    if (state_->inotifyFd < 0 || state_->stopFd < 0)
+        return;  // no way to wake: it still writes and reads stored messages
     // A rename into the directory is how messages arrive; a file written in place (by hand, by
     // another tool) counts once it is closed.
     if (::inotify_add_watch(state_->inotifyFd, state_->directory.c_str(),
@@ -303,13 +344,11 @@ bool Wormhole::isValidIdentifier(const std::string& identifier) {
 
 bool Wormhole::passMessageData(const std::string& identifier, const Bytes& message) {
     auto& s = *state_;
-    if (!isValidIdentifier(identifier) || s.directoryFd < 0)
+    if (!isValidIdentifier(identifier) || s.directoryFd < 0 || !s.counter)
         return false;
     std::lock_guard lock(s.writeMutex);
-    wormhole_detail::MessageFileName file{
-        identifier, s.nextSequence(), static_cast<std::uint64_t>(::getpid()), {}};
-    file.fileName = wormhole_detail::formatMessageFileName(file);
-    // Hidden, so no reader takes it for a message while it is being written.
+    // Hidden, so no reader takes it for a message while it is being written. Written before the
+    // sequence is taken, so that other writers wait only for the rename.
     std::string temporary =
         "." + std::to_string(::getpid()) + "." + std::to_string(++s.temporaryCounter) + ".tmp";
     int fd = ::openat(s.directoryFd, temporary.c_str(),
@@ -318,15 +357,28 @@ bool Wormhole::passMessageData(const std::string& identifier, const Bytes& messa
         return false;
     bool written = writeAll(fd, message);
     written = (::close(fd) == 0) && written;
-    if (!written ||
-        ::renameat(s.directoryFd, temporary.c_str(), s.directoryFd, file.fileName.c_str()) != 0) {
+    std::string placed;
+    if (written)
+        written = s.counter->advance([&](std::uint64_t sequence) {
+            wormhole_detail::MessageFileName file{
+                identifier, sequence, static_cast<std::uint64_t>(::getpid()), {}};
+            file.fileName = wormhole_detail::formatMessageFileName(file);
+            if (::renameat(s.directoryFd, temporary.c_str(), s.directoryFd,
+                           file.fileName.c_str()) != 0)
+                return false;
+            placed = file.fileName;
+            return true;
+        });
+    if (!written) {
         ::unlinkat(s.directoryFd, temporary.c_str(), 0);
         return false;
     }
+    // The new message is in place and newer, so the previous one of this writer has no more
+    // news to tell.
     auto& previous = s.ownPrevious[identifier];
     if (!previous.empty())
         ::unlinkat(s.directoryFd, previous.c_str(), 0);
-    previous = file.fileName;
+    previous = placed;
     return true;
 }
 
@@ -340,15 +392,24 @@ std::optional<Wormhole::Bytes> Wormhole::messageWithIdentifier(
     for (int attempt = 0; attempt < 8; ++attempt) {
         auto files = scanDirectory(s.directoryFd, &identifier);
         auto found = files.find(identifier);
-        if (found == files.end() || found->second.empty())
+        if (found == files.end())
             return std::nullopt;
         auto& candidates = found->second;
-        if (auto bytes = readWholeFile(s.directoryFd, candidates.front().fileName)) {
-            // Older files are left behind by writers that ended before replacing them.
-            for (std::size_t i = 1; i < candidates.size(); ++i)
-                ::unlinkat(s.directoryFd, candidates[i].fileName.c_str(), 0);
-            return bytes;
+        bool vanished = false;
+        for (std::size_t i = 0; i < candidates.size() && !vanished; ++i) {
+            auto message = s.read(candidates[i].fileName);
+            if (message.outcome == wormhole_detail::MessageRead::Outcome::Vanished)
+                vanished = true;
+            if (message.outcome != wormhole_detail::MessageRead::Outcome::Read)
+                continue;
+            // Older files are left behind by writers that ended before replacing them; this
+            // message supersedes them.
+            for (std::size_t older = i + 1; older < candidates.size(); ++older)
+                s.removeSuperseded(candidates[older].fileName);
+            return std::move(message.bytes);
         }
+        if (!vanished)
+            return std::nullopt;
     }
     return std::nullopt;
 }
@@ -356,6 +417,11 @@ std::optional<Wormhole::Bytes> Wormhole::messageWithIdentifier(
 void Wormhole::listenForMessageWithIdentifier(const std::string& identifier, Listener listener) {
     std::lock_guard lock(state_->listenersMutex);
     state_->listeners[identifier] = std::make_shared<Listener>(std::move(listener));
+}
+
+void Wormhole::setDiagnosticHandler(DiagnosticHandler handler) {
+    std::lock_guard lock(state_->listenersMutex);
+    state_->diagnostics = std::move(handler);
 }
 
 void Wormhole::stopListeningForMessageWithIdentifier(const std::string& identifier) {

@@ -48,7 +48,7 @@ std::optional<MessageFileName> parseMessageFileName(std::string_view fileName) {
         return std::nullopt;
     auto sequence = parseDigits(stamp.substr(0, dash));
     auto pid = parseDigits(stamp.substr(dash + 1));
-    if (!sequence || !pid)
+    if (!sequence || !pid || *sequence > kMaxSequence)
         return std::nullopt;
     return MessageFileName{std::string(identifier), *sequence, *pid, std::string(fileName)};
 }

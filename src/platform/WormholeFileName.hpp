@@ -1,7 +1,8 @@
 #pragma once
 
 // How the message channel names its files: "<identifier>.<sequence>-<pid>.archive", the
-// sequence as 20 zero-padded decimal digits so that names of one identifier also sort by age.
+// sequence (from the directory's counter) as 20 zero-padded decimal digits so that names of one
+// identifier also sort by age.
 
 #include <cstdint>
 #include <optional>
@@ -24,6 +25,9 @@ struct MessageFileName {
 };
 
 inline constexpr std::string_view kMessageSuffix = ".archive";
+// The greatest sequence a name may carry: far beyond any count of messages, and low enough that
+// one more never wraps.
+inline constexpr std::uint64_t kMaxSequence = 9'999'999'999'999'999'999ULL;
 // Long enough for any identifier a person or the kit would choose, short enough that the file
 // name with its sequence stays far below NAME_MAX (255).
 inline constexpr std::size_t kMaxIdentifierBytes = 200;

@@ -39,6 +39,8 @@ std::shared_ptr<WormholeManager> WormholeManager::create(
     const std::filesystem::path& containerDirectory) {
     auto wormhole = std::make_shared<Wormhole>(containerDirectory, kWormholeDirectoryName,
                                                WormholeTransitingType::CoordinatedFile);
+    wormhole->setDiagnosticHandler(
+        [](const std::string& line) { log::warning(kLogPrefix + line); });
     std::shared_ptr<WormholeManager> manager(new WormholeManager(std::move(wormhole)));
     manager->listenForMessageOfDelayResponse(nullptr);
     manager->listenForMessageOfLossResponse(nullptr);

@@ -2,9 +2,11 @@
 #include "lmkit/platform/Wormhole.hpp"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <mutex>
 #include <string>
@@ -49,10 +51,12 @@ struct Received {
     }
 };
 
+// The visible files: messages and strays, not the channel's own hidden ones.
 std::vector<std::string> filesIn(const std::filesystem::path& directory) {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(directory))
-        names.push_back(entry.path().filename().string());
+        if (entry.path().filename().string()[0] != '.')
+            names.push_back(entry.path().filename().string());
     return names;
 }
 
@@ -114,27 +118,37 @@ TEST(WormholeTest, ListenersGetEachIdentifiersMessagesInOrderEndingWithTheNewest
     EXPECT_FALSE(late.messageWithIdentifier("C"));
 }
 
-TEST(WormholeTest, StrayFilesAreIgnoredAndOlderLeftoversCleaned) {
+TEST(WormholeTest, StrayFilesAreIgnoredAndWhatCannotBeReadIsMovedAside) {
     TempDir dir;
     auto directory = dir.path() / "Wormhole";
     Wormhole receiver(dir.path(), "Wormhole");
+    std::mutex linesMutex;
+    std::vector<std::string> lines;
+    receiver.setDiagnosticHandler([&](const std::string& line) {
+        std::lock_guard lock(linesMutex);
+        lines.push_back(line);
+    });
     Received got;
     receiver.listenForMessageWithIdentifier("A", got.listener());
 
-    // Names that are not messages, a directory and a dangling link under message names, a
-    // file too large to be a message, and a message left behind by an older writer.
+    // Names that are not messages are left alone. Under message names: a directory, a dangling
+    // link, a FIFO (which would block a reader that waits on open) and a file too large to be a
+    // message; then a message left behind by an older writer.
     writeFile(directory / "garbage", "\x01\x02");
     writeFile(directory / "A.archive", "not named as a message");
     writeFile(directory / ".A.00000000000000000001-1.archive", "hidden");
-    std::filesystem::create_directory(directory / "A.00000000000000000002-1.archive");
-    std::filesystem::create_symlink(directory / "nowhere",
-                                    directory / "A.00000000000000000003-1.archive");
+    const std::vector<std::string> unreadable = {
+        "A.00000000000000000002-1.archive", "A.00000000000000000003-1.archive",
+        "A.00000000000000000004-1.archive", "A.00000000000000000005-1.archive"};
+    std::filesystem::create_directory(directory / unreadable[0]);
+    std::filesystem::create_symlink(directory / "nowhere", directory / unreadable[1]);
+    ASSERT_EQ(::mkfifo((directory / unreadable[2]).c_str(), 0644), 0);
     {
-        std::ofstream big(directory / "A.00000000000000000004-1.archive", std::ios::binary);
+        std::ofstream big(directory / unreadable[3], std::ios::binary);
         big.seekp(17 * 1024 * 1024);
         big.put('x');
     }
-    writeFile(directory / "A.00000000000000000005-1.archive", "old");
+    writeFile(directory / "A.00000000000000000006-1.archive", "old");
 
     // The file written in place under a message name counts once closed.
     ASSERT_TRUE(waitFor([&] { return got.last() == "old"; }));
@@ -145,12 +159,81 @@ TEST(WormholeTest, StrayFilesAreIgnoredAndOlderLeftoversCleaned) {
 
     ASSERT_TRUE(receiver.messageWithIdentifier("A"));
     EXPECT_EQ(textOf(*receiver.messageWithIdentifier("A")), "new");
-    EXPECT_FALSE(std::filesystem::exists(directory / "A.00000000000000000005-1.archive"));
+    EXPECT_FALSE(std::filesystem::exists(directory / "A.00000000000000000006-1.archive"));
     EXPECT_TRUE(std::filesystem::exists(directory / "garbage"));
+    // Gone from their message names; what was not a regular file is kept aside, and said.
+    for (const auto& name : unreadable)
+        EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(directory / name)))
+            << name;
+    for (const auto& name : {unreadable[0], unreadable[1], unreadable[2]})
+        EXPECT_TRUE(std::filesystem::exists(
+            std::filesystem::symlink_status(directory / (".unreadable." + name))))
+            << name;
+    {
+        std::lock_guard lock(linesMutex);
+        EXPECT_GE(lines.size(), 3u);
+        for (const auto& line : lines)
+            EXPECT_EQ(line.rfind("moved aside the unreadable message file A.", 0), 0u) << line;
+    }
 
     EXPECT_FALSE(sender.passMessageData("../escape", bytesOf("x")));
     EXPECT_FALSE(sender.passMessageData("", bytesOf("x")));
     EXPECT_FALSE(std::filesystem::exists(dir.path() / "escape"));
+}
+
+TEST(WormholeTest, AnUnreadableNewestFileHidesNothingAndDeletesNothing) {
+    TempDir dir;
+    auto directory = dir.path() / "Wormhole";
+    Wormhole sender(dir.path(), "Wormhole");
+    ASSERT_TRUE(sender.passMessageData("A", bytesOf("good")));
+    auto good = filesIn(directory);
+    // A FIFO stamped newer than the good message, found by a reader that was not listening.
+    ASSERT_EQ(::mkfifo((directory / "A.09000000000000000000-1.archive").c_str(), 0644), 0);
+    Wormhole reader(dir.path(), "Wormhole");
+    auto message = reader.messageWithIdentifier("A");
+    ASSERT_TRUE(message);
+    EXPECT_EQ(textOf(*message), "good");
+    for (const auto& name : good)
+        EXPECT_TRUE(std::filesystem::exists(directory / name)) << name;
+    EXPECT_TRUE(std::filesystem::exists(std::filesystem::symlink_status(
+        directory / ".unreadable.A.09000000000000000000-1.archive")));
+}
+
+TEST(WormholeTest, AClockStepChangesNoOrder) {
+    TempDir dir;
+    auto directory = dir.path() / "Wormhole";
+    Wormhole receiver(dir.path(), "Wormhole");
+    Received got;
+    receiver.listenForMessageWithIdentifier("A", got.listener());
+
+    // A message named by a writer whose clock ran a year ahead (nanoseconds since 1970), with
+    // the time stamp to match.
+    auto yearAhead = std::chrono::system_clock::now() + std::chrono::hours(24 * 366);
+    auto stamp = static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(yearAhead.time_since_epoch()).count());
+    auto future = wormhole_detail::formatMessageFileName({"A", stamp, 1, {}});
+    writeFile(directory / future, "future");
+    struct timespec times[2] = {{std::chrono::system_clock::to_time_t(yearAhead), 0},
+                                {std::chrono::system_clock::to_time_t(yearAhead), 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, (directory / future).c_str(), times, 0), 0);
+    ASSERT_TRUE(waitFor([&] { return got.last() == "future"; }));
+
+    // Then a normal send, from a writer that has never written here.
+    Wormhole sender(dir.path(), "Wormhole");
+    ASSERT_TRUE(sender.passMessageData("A", bytesOf("now")));
+    ASSERT_TRUE(waitFor([&] { return got.last() == "now"; }));
+    auto sent = filesIn(directory);
+
+    // A reader started later gets the newest message, and nothing newer than it was deleted.
+    Wormhole late(dir.path(), "Wormhole");
+    auto current = late.messageWithIdentifier("A");
+    ASSERT_TRUE(current);
+    EXPECT_EQ(textOf(*current), "now");
+    for (const auto& name : sent) {
+        if (name != future) {
+            EXPECT_TRUE(std::filesystem::exists(directory / name)) << name;
+        }
+    }
 }
 
 TEST(WormholeTest, StoppingAndClearingEndDelivery) {

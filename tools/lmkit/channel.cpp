@@ -1,9 +1,11 @@
 // lmkit channel: the message channel between the app and the tunnel, from a shell. Two shells
 // over one app-group directory (LMKIT_APP_GROUP_DIR) act as the two processes: one listens, the
 // other sends.
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -63,7 +65,7 @@ std::shared_ptr<WormholeManager> openChannel() {
 }
 
 std::string timestamp() {
-    auto ms = Clock::nowMilliseconds();
+    auto ms = static_cast<std::int64_t>(Clock::nowMilliseconds());
     std::time_t seconds = static_cast<std::time_t>(ms / 1000);
     std::tm local{};
     localtime_r(&seconds, &local);
@@ -71,19 +73,26 @@ std::string timestamp() {
                        static_cast<long long>(ms) % 1000);
 }
 
-void printMessage(const std::string& cmd, const WormholeMessageObject& object, bool json,
+// One line per message, flushed at once so that a script sees it; false when it could not be
+// written.
+bool printMessage(const std::string& cmd, const WormholeMessageObject& object, bool json,
                   bool stored) {
+    int written;
     if (json) {
         Json line = {{"cmd", cmd}, {"class", object.className}, {"object", object.root}};
         if (stored)
             line["stored"] = true;
-        std::printf("%s\n", line.dump().c_str());
+        written = std::printf("%s\n", line.dump().c_str());
     } else {
-        std::printf("%s %-26s %-24s %s%s\n", timestamp().c_str(), cmd.c_str(),
-                    object.className.c_str(), object.root.dump().c_str(),
-                    stored ? "  (stored)" : "");
+        written = std::printf("%s %-26s %-24s %s%s\n", timestamp().c_str(), cmd.c_str(),
+                              object.className.c_str(), object.root.dump().c_str(),
+                              stored ? "  (stored)" : "");
     }
-    std::fflush(stdout);
+    return written >= 0 && std::fflush(stdout) == 0;
+}
+
+Failure outputFailure() {
+    return Failure(std::string("cannot write standard output: ") + std::strerror(errno));
 }
 
 int listen(const ChannelOptions& options, const Common& common) {
@@ -91,20 +100,23 @@ int listen(const ChannelOptions& options, const Common& common) {
     std::mutex mutex;
     std::condition_variable changed;
     int received = 0;
+    bool outputFailed = false;  // guarded by mutex
 
     if (options.current) {
         for (const auto& kind : kKinds)
             if (auto object = manager->messageWithCmd(kind.cmd))
-                printMessage(kind.cmd, *object, common.json, true);
+                if (!printMessage(kind.cmd, *object, common.json, true))
+                    throw outputFailure();
     }
     // Every kind is shown as it arrives, whatever its class: this is a window on the channel,
     // not one of its typed listeners.
     for (const auto& kind : kKinds) {
         std::string cmd = kind.cmd;
         manager->listenForMessageWithCmd(cmd, [&, cmd](const WormholeMessageObject& object) {
-            printMessage(cmd, object, common.json, false);
+            bool printed = printMessage(cmd, object, common.json, false);
             std::lock_guard lock(mutex);
             ++received;
+            outputFailed = outputFailed || !printed;
             changed.notify_all();
         });
     }
@@ -112,16 +124,19 @@ int listen(const ChannelOptions& options, const Common& common) {
     std::fprintf(stderr, "listening on %s\n", manager->wormhole()->directory().c_str());
 
     std::unique_lock lock(mutex);
-    auto done = [&] { return options.count > 0 && received >= options.count; };
+    auto done = [&] { return outputFailed || (options.count > 0 && received >= options.count); };
     if (options.timeout > 0) {
         changed.wait_for(lock, std::chrono::duration<double>(options.timeout), done);
     } else {
         changed.wait(lock, done);
     }
     bool short_ = options.count > 0 && received < options.count;
+    bool failed = outputFailed;
     lock.unlock();
     for (const auto& kind : kKinds)
         manager->wormhole()->stopListeningForMessageWithIdentifier(kind.cmd);
+    if (failed)
+        throw Failure("cannot write standard output");
     if (short_)
         throw Failure(
             fmt::format("{} of {} messages within {} s", received, options.count, options.timeout));

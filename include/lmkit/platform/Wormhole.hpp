@@ -19,21 +19,26 @@ enum class WormholeTransitingType { CoordinatedFile = 1 };
 /// A message carrier between two processes that share a directory (the app-group container).
 ///
 /// Each message is a file in the carrier's directory, written whole under a hidden temporary name
-/// and then renamed to "<identifier>.<sequence>-<pid>.archive". A fresh name per message keeps
-/// the writer off ext4's costly replace-on-rename path (about 1.2 ms against a few microseconds
-/// for a new name); the writer then unlinks its own previous file of that identifier. The
-/// sequence is the wall-clock time in nanoseconds, strictly increasing within a process, so the
-/// newest file of an identifier is the one with the greatest (sequence, pid), also for a process
-/// started later.
+/// and then renamed to "<identifier>.<sequence>-<pid>.archive". The sequence comes from a counter
+/// kept in the directory and advanced under a file lock, above every message already there, so
+/// the newest message of an identifier is the one with the greatest sequence whatever the clocks
+/// of the writers say. A fresh name per message keeps the writer off ext4's costly
+/// replace-on-rename path (about 1.2 ms against a few microseconds for a new name); once the new
+/// message is in place, the writer unlinks its own previous file of that identifier.
 ///
 /// A reader thread waits on inotify for renames into the directory and calls the listener of
 /// the identifier, on the carrier's serial queue, with the file's bytes. A listener sees whole
 /// messages only, in sequence order; when messages arrive faster than it is called, older ones of
 /// an identifier are skipped in favour of the newest, never the other way round. Different
-/// identifiers are delivered in the order their messages arrived. Files whose names or contents
-/// do not fit (hidden names, directories, links, more than 16 MiB) are ignored. Messages written
-/// by this process reach its own listeners too. A file written in place under a message name
-/// (not renamed into the directory) counts once it is closed.
+/// identifiers are delivered in the order their messages arrived. Messages written by this
+/// process reach its own listeners too. A file written in place under a message name (not
+/// renamed into the directory) counts once it is closed.
+///
+/// Files are opened without following links and without waiting, and only regular files of at
+/// most 16 MiB are messages. A file under a message name that cannot be read as one (a FIFO, a
+/// directory, a link, too large, no permission) is moved aside under a hidden name and reported
+/// to the diagnostic handler; the newest readable message is delivered instead. No reader deletes
+/// a message unless a newer message of its identifier has been read.
 ///
 /// Destroying the carrier stops its reader and its listeners; a listener call already running
 /// on the queue finishes.
@@ -43,6 +48,9 @@ class Wormhole {
   public:
     using Bytes = std::vector<std::uint8_t>;
     using Listener = std::function<void(const Bytes& message)>;
+    /// Told, in one line, about files the carrier moved aside. Called on the reader's thread or
+    /// the caller's; it must not call back into the carrier.
+    using DiagnosticHandler = std::function<void(const std::string& line)>;
 
     /// The carrier over "<container>/<optionalDirectory>" (the container itself when the
     /// directory is empty). The directory is created when missing.
@@ -73,6 +81,9 @@ class Wormhole {
     /// Removes the stored messages of `identifier`, or of every identifier.
     void clearMessageContentsForIdentifier(const std::string& identifier);
     void clearAllMessageContents();
+
+    /// Replaces the diagnostic handler (none by default).
+    void setDiagnosticHandler(DiagnosticHandler handler);
 
     /// Whether `identifier` can name messages: not empty, at most 200 bytes, no '/', no NUL,
     /// not starting with '.'.
