@@ -1,5 +1,6 @@
 #include "lmkit/models/AccAPIResponseObject.hpp"
 
+#include "lmkit/foundation/Log.hpp"
 #include "lmkit/models/Transformers.hpp"
 
 namespace lmkit {
@@ -14,7 +15,39 @@ Transformer<double> millisecondsTransformer() {
         out = n ? n->doubleValue() / 1000.0 : 0.0;
         return true;
     };
+    t.accepts = models_detail::acceptsNumber;
     t.reverse = [](const double& seconds) { return Json(seconds * 1000.0); };
+    t.sample = [](int) { return Json(15000); };
+    return t;
+}
+
+// The second path's nodes, mapped with the adapter element by element: this is the answer's own
+// converter, so a malformed element is left out (and logged) instead of failing the answer.
+using NodeList = std::optional<std::vector<std::shared_ptr<AccNode>>>;
+Transformer<NodeList> multipathNodesTransformer() {
+    Transformer<NodeList> t;
+    t.forward = [](const Json& in, NodeList& out, Error&) {
+        out.reset();
+        if (!in.is_array())
+            return true;
+        out.emplace();
+        std::size_t index = 0;
+        for (const auto& element : in) {
+            Error error;
+            if (auto node = JSONAdapter::modelOfClass<AccNode>(element, &error))
+                out->push_back(std::move(node));
+            else
+                log::error("[AccAPIResponseObject] multi_path_acc element " +
+                           std::to_string(index) + " left out: " + error.localizedDescription());
+            ++index;
+        }
+        return true;
+    };
+    t.reverse = [](const NodeList& nodes) -> Json {
+        return nodes ? Codec<std::vector<std::shared_ptr<AccNode>>>::encode(*nodes) : Json();
+    };
+    t.accepts = [](const Json& in) { return in.is_array(); };
+    t.sample = [](int depth) { return Sample<std::vector<std::shared_ptr<AccNode>>>::make(depth); };
     return t;
 }
 
@@ -44,6 +77,8 @@ Transformer<RegionEchos> regionEchosTransformer() {
             object[key] = echo ? *JSONAdapter::JSONDictionaryFromModel(*echo) : Json();
         return object;
     };
+    t.accepts = [](const Json& in) { return in.is_object(); };
+    t.sample = [](int depth) { return Sample<RegionEchos>::make(depth); };
     return t;
 }
 
@@ -79,7 +114,7 @@ const std::vector<Property<AccAPIResponseObject>>& AccAPIResponseObject::propert
         prop("banlist", &R::banlist),
         prop("enableMultipath", "enable_multi_path_acc", &R::enableMultipath),
         prop("multipathConfig", "multi_path_config", &R::multipathConfig),
-        prop("multipathNodes", "multi_path_acc", &R::multipathNodes),
+        prop("multipathNodes", "multi_path_acc", &R::multipathNodes, multipathNodesTransformer()),
         prop("multipathFile", "multi_path_file", &R::multipathFile),
         prop("gameRegionEchos", "game_region_echo", &R::gameRegionEchos, regionEchosTransformer()),
         prop("ipPortHijacks", "ip_port_hijack", &R::ipPortHijacks),

@@ -63,6 +63,8 @@ Transformer<std::optional<std::vector<AccMultipathPortRange>>> portRangesTransfo
             texts.push_back(std::to_string(range.begin) + "-" + std::to_string(range.end));
         return texts;
     };
+    t.accepts = [](const Json& in) { return in.is_array(); };
+    t.sample = [](int) { return Json::array({"1000-2000", "443-443"}); };
     return t;
 }
 

@@ -2,6 +2,30 @@
 
 #include "lmkit/foundation/Log.hpp"
 
+namespace lmkit {
+
+const Json* BaseModel::valueOfOtherKind(std::string_view property) const {
+    if (otherKind_.empty())
+        return nullptr;
+    auto it = otherKind_.find(property);
+    return it == otherKind_.end() ? nullptr : &it->second;
+}
+
+void BaseModel::holdValueOfOtherKind(std::string_view property, Json value) {
+    auto it = otherKind_.find(property);
+    if (it == otherKind_.end())
+        otherKind_.emplace(std::string(property), std::move(value));
+    else
+        it->second = std::move(value);
+}
+
+void BaseModel::dropValueOfOtherKind(std::string_view property) {
+    if (auto it = otherKind_.find(property); it != otherKind_.end())
+        otherKind_.erase(it);
+}
+
+}  // namespace lmkit
+
 namespace lmkit::models_detail {
 
 Error invalidInput(std::string description) {

@@ -77,10 +77,22 @@ std::optional<std::string> Game::getDialogIDWithTiming(const Number& timing) con
     return std::nullopt;
 }
 
+Json Game::identity() const {
+    if (gid)
+        return Json(*gid);
+    if (const Json* held = valueOfOtherKind("gid"))
+        return *held;
+    return Json();
+}
+
 std::string Game::keyLog() const {
     auto text = [](const std::optional<std::string>& s) { return s ? *s : "(null)"; };
-    return "id:" + text(gid) + " name:" + text(name) + " grade:" + std::to_string(grade) +
-           ", zone:" + text(zoneName);
+    Json id = identity();
+    return "id:" +
+           (id.is_string() ? *gid
+            : id.is_null() ? std::string("(null)")
+                           : id.dump()) +
+           " name:" + text(name) + " grade:" + std::to_string(grade) + ", zone:" + text(zoneName);
 }
 
 const std::vector<Property<Game>>& Game::properties() {

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "lmkit/models/CollectionHelpers.hpp"
+#include "lmkit/models/Transformers.hpp"
 
 namespace lmkit {
 
@@ -24,6 +25,8 @@ Transformer<std::optional<Number>> normalised() {
         out = Number::fromJson(in);
         return true;
     };
+    t.accepts = models_detail::acceptsNumber;
+    t.sample = [](int) { return Json(12); };
     t.reverse = [](const std::optional<Number>& value) { return normalise(value).toJson(); };
     return t;
 }

@@ -166,6 +166,10 @@ bool SpeedometerResult::append(const SpeedometerResult& result) {
                 return fail("cannot write " + temporary.string());
         }
         std::error_code ec;
+        // The container's files are private to the user, whatever the umask.
+        std::filesystem::permissions(
+            temporary, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write,
+            ec);
         std::filesystem::rename(temporary, target, ec);
         if (ec) {
             std::filesystem::remove(temporary, ec);

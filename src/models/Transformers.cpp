@@ -2,14 +2,41 @@
 
 #include <arpa/inet.h>
 
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
 #include <cstring>
 
 namespace lmkit {
 
 namespace models_detail {
 
+namespace {
+
+// The number a time stamp text holds when the whole text is one finite number.
+std::optional<Number> numericText(const Json& in) {
+    if (!in.is_string())
+        return std::nullopt;
+    const auto& text = in.get_ref<const std::string&>();
+    if (text.empty() || std::isspace(static_cast<unsigned char>(text.front())))
+        return std::nullopt;
+    char* end = nullptr;
+    errno = 0;
+    double value = std::strtod(text.c_str(), &end);
+    if (end != text.c_str() + text.size() || !std::isfinite(value))
+        return std::nullopt;
+    return Number(value);
+}
+
+}  // namespace
+
+bool timeStampAccepts(const Json& in) {
+    return in.is_number() || in.is_boolean() || numericText(in).has_value();
+}
+
 Json timeStampForward(const Json& in) {
-    auto n = Number::fromJson(in);
+    auto n = in.is_string() ? numericText(in) : Number::fromJson(in);
     if (!n)
         return Json();
     // The float step is deliberate: stamps are only trusted to single precision.
@@ -60,6 +87,8 @@ Transformer<std::optional<Url>> URLValueTransformer() {
     t.reverse = [](const std::optional<Url>& url) {
         return url ? Json(url->absoluteString()) : Json();
     };
+    t.accepts = [](const Json& in) { return in.is_string(); };
+    t.sample = [](int) { return Json("https://example.com/a?b=c"); };
     return t;
 }
 
@@ -77,6 +106,8 @@ Transformer<std::optional<RegularExpression>> regularExpressionTransformer() {
     t.reverse = [](const std::optional<RegularExpression>& re) {
         return re ? Json(re->pattern()) : Json();
     };
+    t.accepts = [](const Json& in) { return in.is_string(); };
+    t.sample = [](int) { return Json("^ab+c$"); };
     return t;
 }
 
@@ -103,6 +134,8 @@ Transformer<std::optional<std::vector<RegularExpression>>> regularExpressionsTra
             patterns.push_back(re.pattern());
         return patterns;
     };
+    t.accepts = [](const Json& in) { return in.is_array(); };
+    t.sample = [](int) { return Json::array({"^ab+c$", "x"}); };
     return t;
 }
 

@@ -1,5 +1,7 @@
 #include "lmkit/models/UnstableNetworkConfig.hpp"
 
+#include "lmkit/models/Transformers.hpp"
+
 namespace lmkit {
 
 namespace {
@@ -11,6 +13,8 @@ Transformer<std::optional<Number>> millisecondsToSeconds() {
         out = n ? std::optional<Number>(n->doubleValue() / 1000.0) : std::nullopt;
         return true;
     };
+    t.accepts = models_detail::acceptsNumber;
+    t.sample = [](int) { return Json(1500); };
     t.reverse = [](const std::optional<Number>& seconds) -> Json {
         return seconds ? Json(seconds->doubleValue() * 1000.0) : Json();
     };

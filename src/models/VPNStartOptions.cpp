@@ -16,6 +16,8 @@ Property<VPNStartOptions> inherited(const Property<VPNSimpleStartOptions>& base)
     p.encode = [encode = base.encode](const VPNStartOptions& r) { return encode(r); };
     if (base.applyDefault)
         p.applyDefault = [apply = base.applyDefault](VPNStartOptions& r) { apply(r); };
+    p.sample = base.sample;
+    p.transformed = base.transformed;
     return p;
 }
 

@@ -233,7 +233,11 @@ std::optional<Json> VPNStartOptionsBuilder::dictionaryWithGame(
     put("enableMultipath", acc.enableMultipath);
     put("dualChannelType", acc.dualChannelType);
     put("techIconState", dictionaryOrNull(acc.techIconState));
-    put("netToPingIPs", acc.netToPingIPs ? Json(*acc.netToPingIPs) : Json());
+    // The answer's list as delivered; a value of another kind travels as it stands.
+    const Json* heldPingIPs = acc.valueOfOtherKind("netToPingIPs");
+    put("netToPingIPs", acc.netToPingIPs ? Json(*acc.netToPingIPs)
+                        : heldPingIPs    ? *heldPingIPs
+                                         : Json());
     put("blackListPorts", arrayOfDictionaries(acc.blackListPorts));
     put("mainlinkUseTLS", args.mainlinkUseTLS);
     put("forceMainlinkTLS", args.forceMainlinkTLS);

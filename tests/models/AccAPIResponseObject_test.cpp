@@ -59,6 +59,19 @@ TEST(AccAPIResponseObject, ANestedRecordThatIsNoObjectFailsTheAnswer) {
               "accNodes: element 1: expected a JSON object, got a string");
     EXPECT_FALSE(JSONAdapter::modelOfClass<AccAPIResponseObject>(
         Json::parse(R"({"multi_path_config":{"tcp_whitelist":[1]}})"), &error));
+
+    // The second path's nodes have their own converter: a malformed element is left out, the
+    // answer and the other nodes stay; a value that is no list is kept as it stands.
+    auto acc = JSONAdapter::modelOfClass<AccAPIResponseObject>(Json::parse(
+        R"({"multi_path_acc":[{"id":"a"},"b",{"id":"c","ip":[1]},{"id":"d"}],"mtu":1400})"));
+    ASSERT_TRUE(acc);
+    ASSERT_EQ(acc->multipathNodes->size(), 3u);
+    EXPECT_EQ(acc->multipathNodes->at(2)->identifier, "d");
+    acc = JSONAdapter::modelOfClass<AccAPIResponseObject>(
+        Json::parse(R"({"multi_path_acc":{"id":"a"}})"));
+    ASSERT_TRUE(acc);
+    EXPECT_FALSE(acc->multipathNodes);
+    EXPECT_EQ((*acc->toJSONDictionary())["multi_path_acc"], Json::parse(R"({"id":"a"})"));
 }
 
 TEST(StartupConfig, SwitchesAndStrategy) {

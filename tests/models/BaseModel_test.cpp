@@ -87,26 +87,40 @@ TEST(BaseModel, DecodesKeyPathsKindsAndRoundTrips) {
     EXPECT_EQ(again->toJSONDictionary()->dump(), out->dump());
 }
 
-TEST(BaseModel, MissingNullAndWrongKindsGiveNilAndDefaultsFillOnlyAbsentKeys) {
-    auto s = JSONAdapter::modelOfClass<Sample>(Json::parse(
+TEST(BaseModel, WrongKindsAreKeptAsTheyStandAndDefaultsFillOnlyAbsentKeys) {
+    const auto document = Json::parse(
         R"({"title":5,"count":"7","config":"flat","ratio":"x","tags":["a",1],"kind":"sctp",
-            "region":"us"})"));
+            "region":"us"})");
+    auto s = JSONAdapter::modelOfClass<Sample>(document);
     ASSERT_TRUE(s);
+    // The typed members stay nil or zero; the record holds what the service sent.
     EXPECT_FALSE(s->title);
     EXPECT_FALSE(s->count);
-    EXPECT_EQ(s->mtu, 0);
     EXPECT_EQ(s->ratio, 0);
     EXPECT_FALSE(s->tags);
+    EXPECT_EQ(*s->valueOfOtherKind("title"), 5);
+    EXPECT_EQ(*s->valueOfOtherKind("count"), "7");
+    EXPECT_EQ(*s->valueOfOtherKind("tags"), Json::parse(R"(["a",1])"));
+    EXPECT_FALSE(s->valueOfOtherKind("mtu"));  // "config" is no object: the path is absent
+    EXPECT_EQ(s->mtu, 0);
     EXPECT_EQ(s->method, "XOR");  // absent: the default
     EXPECT_FALSE(s->leaf);
     EXPECT_FALSE(s->leaves);
     EXPECT_EQ(s->kind, 0);                // unknown string without a default
     EXPECT_EQ(s->region->intValue(), 0);  // unknown string with the default code
 
+    // Encoding writes the held values back; equality sees them.
+    auto again = JSONAdapter::modelOfClass<Sample>(*s->toJSONDictionary());
+    EXPECT_EQ(*again->valueOfOtherKind("count"), "7");
+    EXPECT_EQ(static_cast<const BaseModel&>(*again), static_cast<const BaseModel&>(*s));
+    auto other = JSONAdapter::modelOfClass<Sample>(Json::parse(R"({"count":"8"})"));
+    EXPECT_FALSE(static_cast<const BaseModel&>(*other) == static_cast<const BaseModel&>(*s));
+
     s->region = Number(42);
     auto out = s->toJSONDictionary();
     EXPECT_EQ((*out)["region"], "other");
-    EXPECT_TRUE((*out)["title"].is_null());
+    EXPECT_EQ((*out)["title"], 5);
+    EXPECT_EQ((*out)["tags"], Json::parse(R"(["a",1])"));
     EXPECT_TRUE((*out)["kind"].is_null());
 
     auto nulls = JSONAdapter::modelOfClass<Sample>(
@@ -210,6 +224,17 @@ TEST(Transformers, TimeStampsKeepTheSinglePrecisionStep) {
     EXPECT_EQ(s->seconds, expected);
     EXPECT_NE(s->seconds, 1700000000.123);
     EXPECT_EQ((*s->toJSONDictionary())["time"].get<double>(), 1500.0);
+
+    // A numeric text is read as its number; any other kind stays as it stands.
+    s = JSONAdapter::modelOfClass<Stamped>(Json::parse(R"({"time":"1500","seconds":"soon"})"));
+    EXPECT_DOUBLE_EQ(s->time->doubleValue(), 1.5);
+    EXPECT_EQ(s->seconds, 0);
+    EXPECT_EQ((*s->toJSONDictionary())["seconds"], "soon");
+    s = JSONAdapter::modelOfClass<Stamped>(Json::parse(R"({"time":" 15","ip":7})"));
+    EXPECT_FALSE(s->time);
+    EXPECT_FALSE(s->ip);
+    EXPECT_EQ((*s->toJSONDictionary())["time"], " 15");
+    EXPECT_EQ((*s->toJSONDictionary())["ip"], 7);
 }
 
 TEST(Transformers, IpAddressesUseInMemoryByteOrder) {

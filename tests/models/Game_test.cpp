@@ -47,6 +47,18 @@ TEST(Game, EqualityAndHashFollowGid) {
     std::unordered_set<Game> set{*a, *b, *c};
     EXPECT_EQ(set.size(), 2u);
 
+    // Numeric gids (and other wrong-kind values) are kept and still tell games apart.
+    auto n1 = game(R"({"gid":101,"online":"1","grade":"3"})");
+    auto n2 = game(R"({"gid":102})");
+    EXPECT_FALSE(*n1 == *n2);
+    EXPECT_NE(std::hash<Game>()(*n1), std::hash<Game>()(*n2));
+    EXPECT_FALSE(*n1 == *game(R"({"gid":"101"})"));
+    auto back = n1->toJSONDictionary();
+    EXPECT_EQ((*back)["gid"], 101);
+    EXPECT_EQ((*back)["online"], "1");
+    EXPECT_EQ((*back)["grade"], "3");
+    EXPECT_NE(n1->keyLog().find("id:101"), std::string::npos);
+
     auto titles = JSONAdapter::modelsOfClass<GameExtraTitle>(
         Json::parse(R"([{"id":7,"label":"x"},{"id":7,"label":"y","max_click":5},{"id":8}])"));
     ASSERT_TRUE(titles);

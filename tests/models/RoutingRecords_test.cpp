@@ -124,12 +124,13 @@ TEST(BanListItem, DecodesEveryListAndWritesTheSameKeysBack) {
     // Nil addresses count as 0: such a rule bans everything.
     EXPECT_TRUE(domain->banAddress(memoryWord("8.8.8.8")));
 
-    // An unknown protocol maps to nil, which an unsigned property holds as 0 (the tcp list).
+    // An unknown protocol belongs to no list (never the tcp one) and is kept as it stands.
     auto unknown = decode<BanListItem>(R"({"protocol":"sctp","ip":"not an address"})");
     ASSERT_TRUE(unknown);
-    EXPECT_EQ(unknown->protocolType, 0u);
+    EXPECT_FALSE(unknown->protocolType);
     EXPECT_EQ(unknown->ip->unsignedValue(), 0u);
-    EXPECT_EQ((*unknown->toJSONDictionary())["protocol"], "tcp");
+    EXPECT_EQ((*unknown->toJSONDictionary())["protocol"], "sctp");
+    EXPECT_FALSE(decode<BanListItem>(R"({"protocol":7})")->protocolType);
 }
 
 TEST(HostsConfig, DestinationHelpers) {
@@ -211,11 +212,12 @@ TEST(AccMultipathConfig, PortRangesAndNestedRecords) {
     EXPECT_EQ((*back)["cache_time"], 1.5);
     EXPECT_EQ((*back)["p2p_multipath"], false);
 
-    // A whitelist that is no array at all reads as nil, not as an empty list.
+    // A whitelist that is no array at all reads as nil, not as an empty list, and is kept as it
+    // stands.
     auto odd = decode<AccMultipathTCPWhitelist>(R"({"port_ranges":"1000-2000"})");
     ASSERT_TRUE(odd);
     EXPECT_FALSE(odd->portRanges);
-    EXPECT_TRUE((*odd->toJSONDictionary())["port_ranges"].is_null());
+    EXPECT_EQ((*odd->toJSONDictionary())["port_ranges"], "1000-2000");
 }
 
 TEST(ValueMapsWithDefault, UnknownTextsReadZeroAndZeroWritesOther) {

@@ -40,6 +40,14 @@ TEST_F(OptionsCommandTest, BuildThenInspectAndMatchAsTheTunnel) {
     std::ifstream in(built());
     auto options = nlohmann::ordered_json::parse(in);
     EXPECT_EQ(options.size(), 46u);
+    std::vector<std::string> keys;
+    for (const auto& [key, value] : options.items())
+        keys.push_back(key);
+    EXPECT_EQ(keys.front(), "game");  // the builder's order, not the record table's
+    EXPECT_EQ(keys[12], "routes");
+    EXPECT_EQ(keys[22], "mtu");
+    EXPECT_EQ(keys[43], "grpConfig");
+    EXPECT_EQ(keys.back(), "udpSocketRecvBuffer");
     ASSERT_EQ(options["socksInfos"].size(), 2u);
     EXPECT_EQ(options["socksInfos"][0]["accIdentifier"], "jp-01");  // the given order
     EXPECT_EQ(options["socksInfos"][0]["netaskPort"], 1081);
@@ -52,6 +60,8 @@ TEST_F(OptionsCommandTest, BuildThenInspectAndMatchAsTheTunnel) {
     EXPECT_EQ(summary["relays"][1]["tcpEncryptMethod"], "XOR");
     EXPECT_EQ(summary["hosts"], 2);
     EXPECT_EQ(summary["banLists"]["tcp"], 2);
+    // The answer's list of addresses reaches the tunnel's decoding as a list.
+    EXPECT_EQ(summary["netToPingIPs"], nlohmann::json::parse(R"(["198.51.100.60"])"));
 
     auto domain =
         nlohmann::json::parse(run("match --json " + built() + " --domain ads.x", &status));

@@ -334,6 +334,17 @@ TEST_F(BuilderTest, BanListsKeepEachTypesRulesInOrder) {
     EXPECT_EQ(dictionary["icmpBanList"][0]["protocol"], "icmp");
     EXPECT_EQ(dictionary["domainBanList"][0]["domain"], "ads\\.example");
     EXPECT_EQ(dictionary["regionPacketBanList"][0]["packet_pattern"], "ff00");
+
+    // A rule for a protocol outside the five reaches no list, least of all the tcp one.
+    answer["banlist"].push_back(Json::parse(R"({"protocol":"sctp","ip":"10.0.9.0"})"));
+    answer["banlist"].push_back(Json::parse(R"({"protocol":0,"ip":"10.0.9.1"})"));
+    dictionary = build();
+    EXPECT_EQ(dictionary["tcpBanList"].size(), 2u);
+    std::size_t total = 0;
+    for (const char* list :
+         {"tcpBanList", "udpBanList", "icmpBanList", "domainBanList", "regionPacketBanList"})
+        total += dictionary[list].size();
+    EXPECT_EQ(total, 6u);
 }
 
 TEST_F(BuilderTest, FailedConversionLogsTheDictionaryAndReportsTheError) {

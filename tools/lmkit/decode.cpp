@@ -1,92 +1,128 @@
-// lmkit decode: reads a service document as one record type and prints the record's JSON form,
-// which shows how the kit understood it (nil properties as null, converted values back in
-// their delivered shape).
+// lmkit decode: reads a service document as one record type and shows the record as the kit
+// decoded it: each property with its value, the values kept as they stand because their kind is
+// not the property's, and the keys of the document that no property reads.
 #include <fmt/format.h>
 
 #include <iostream>
-#include <map>
+#include <limits>
+#include <set>
 
 #include "Command.hpp"
 #include "DataFiles.hpp"
-#include "lmkit/models/APIResponses.hpp"
-#include "lmkit/models/AccAPIResponseObject.hpp"
-#include "lmkit/models/AccConfig.hpp"
-#include "lmkit/models/AccNode.hpp"
-#include "lmkit/models/ConfigAPIResponseObject.hpp"
-#include "lmkit/models/Game.hpp"
-#include "lmkit/models/NodeInfo.hpp"
-#include "lmkit/models/StartupConfig.hpp"
+#include "lmkit/models/RecordRegistry.hpp"
 
 namespace lmkit::tool {
 namespace {
-
-using Decoder = std::function<std::optional<Json>(const Json&, Error&)>;
-
-template <class R>
-Decoder decoderOf() {
-    return [](const Json& json, Error& error) -> std::optional<Json> {
-        auto record = JSONAdapter::modelOfClass<R>(json, &error);
-        if (!record)
-            return std::nullopt;
-        auto back = record->toJSONDictionary();
-        if (!back)
-            error = Error::withDescription("lmkit", 1, "the record has no JSON form");
-        return back;
-    };
-}
-
-const std::map<std::string, Decoder>& decoders() {
-    static const std::map<std::string, Decoder> table{
-        {"AccAPIResponseObject", decoderOf<AccAPIResponseObject>()},
-        {"AccConfig", decoderOf<AccConfig>()},
-        {"AccNode", decoderOf<AccNode>()},
-        {"AccScoreConfig", decoderOf<AccScoreConfig>()},
-        {"AppVersionModel", decoderOf<AppVersionModel>()},
-        {"ConfigAPIResponseObject", decoderOf<ConfigAPIResponseObject>()},
-        {"Game", decoderOf<Game>()},
-        {"GameBoostListAPIResponse", decoderOf<GameBoostListAPIResponse>()},
-        {"GameSearchAPIResponse", decoderOf<GameSearchAPIResponse>()},
-        {"NodeInfo", decoderOf<NodeInfo>()},
-        {"NoticeAPIResponseObject", decoderOf<NoticeAPIResponseObject>()},
-        {"StartupConfig", decoderOf<StartupConfig>()},
-        {"TopSearchAPIResponse", decoderOf<TopSearchAPIResponse>()},
-    };
-    return table;
-}
 
 struct DecodeOptions {
     std::string type;
     std::string input;
     bool list = false;
+    std::uint64_t maxBytes = kDefaultMaxInputBytes;
 };
 
+// The value at a dotted key path of an encoded record; null when the path is absent.
+Json valueAt(const Json& json, const std::string& keyPath) {
+    const Json* current = &json;
+    std::size_t start = 0;
+    while (true) {
+        auto dot = keyPath.find('.', start);
+        auto key = keyPath.substr(start, dot == std::string::npos ? dot : dot - start);
+        if (!current->is_object())
+            return Json();
+        auto next = current->find(key);
+        if (next == current->end())
+            return Json();
+        current = &*next;
+        if (dot == std::string::npos)
+            return *current;
+        start = dot + 1;
+    }
+}
+
+// The key paths of `input` that no property reads: a key a property reads whole is used with all
+// inside it; a key that only leads to properties' paths is looked into.
+void collectIgnored(const Json& input, const std::string& prefix,
+                    const std::set<std::string>& paths, std::vector<std::string>& ignored) {
+    for (const auto& [key, value] : input.items()) {
+        std::string path = prefix.empty() ? key : prefix + "." + key;
+        if (paths.count(path))
+            continue;
+        auto leading = paths.lower_bound(path + ".");
+        if (leading != paths.end() && leading->rfind(path + ".", 0) == 0 && value.is_object())
+            collectIgnored(value, path, paths, ignored);
+        else
+            ignored.push_back(path);
+    }
+}
+
 Command decode(
-    "decode", "Decode a service JSON document as a record type and print its JSON form",
-    [](CLI::App& app, Common&) {
+    "decode", "Decode a service JSON document as a record type and show what the kit read",
+    [](CLI::App& app, Common& common) {
         auto options = std::make_shared<DecodeOptions>();
         app.add_flag("--list", options->list, "List the record types");
+        app.add_flag("--json", common.json, "Print the decoded record as JSON");
+        app.add_option("--max-bytes", options->maxBytes,
+                       "Largest document accepted (default 64 MiB)")
+            ->check(CLI::Range(std::uint64_t{1}, std::numeric_limits<std::uint64_t>::max() / 2));
         app.add_option("type", options->type, "Record type, such as AccNode");
         app.add_option("file", options->input,
                        "Document to decode (standard input when absent or -)");
-        return [options]() -> int {
+        return [options, &common]() -> int {
             if (options->list) {
-                for (const auto& [name, decoder] : decoders())
-                    std::cout << name << '\n';
+                for (const auto& type : recordTypes())
+                    std::cout << type.name << '\n';
                 return 0;
             }
-            auto decoder = decoders().find(options->type);
-            if (decoder == decoders().end())
+            const RecordType* type = recordType(options->type);
+            if (!type)
                 throw Failure(fmt::format("unknown record type \"{}\" (see lmkit decode --list)",
                                           options->type));
-            const Data input = readInput(options->input);
+            const Data input = readInput(options->input, options->maxBytes);
             Json json = Json::parse(input.begin(), input.end(), nullptr, false);
             if (json.is_discarded())
                 throw Failure(fmt::format("{}: the input is not valid JSON", options->type));
             Error error;
-            auto out = decoder->second(json, error);
-            if (!out)
+            auto record = type->decode(json, &error);
+            if (!record)
                 throw Failure(fmt::format("{}: {}", options->type, error.localizedDescription()));
-            std::cout << out->dump(2) << '\n';
+            auto encoded = record->toJSONDictionary();
+            if (!encoded)
+                throw Failure(fmt::format("{}: the record has no JSON form", options->type));
+
+            Json properties = Json::object();
+            std::set<std::string> paths;
+            for (const auto& property : type->properties()) {
+                properties[property.name] = valueAt(*encoded, property.keyPath);
+                paths.insert(property.keyPath);
+            }
+            Json otherKind = Json::object();
+            for (const auto& [name, value] : record->valuesOfOtherKind())
+                otherKind[name] = value;
+            std::vector<std::string> ignored;
+            collectIgnored(json, "", paths, ignored);
+
+            if (common.json) {
+                Json out{{"type", type->name},
+                         {"properties", std::move(properties)},
+                         {"keptAsTheyStand", std::move(otherKind)},
+                         {"ignoredKeys", ignored}};
+                std::cout << out.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+                return 0;
+            }
+            std::cout << type->name << '\n';
+            for (const auto& [name, value] : properties.items()) {
+                std::string shown = value.dump(-1, ' ', false, Json::error_handler_t::replace);
+                if (otherKind.contains(name))
+                    shown += "  (kept as it stands: not of the property's kind)";
+                std::cout << fmt::format("  {:<36} {}\n", name, shown);
+            }
+            if (!ignored.empty()) {
+                std::cout << "ignored keys:";
+                for (const auto& key : ignored)
+                    std::cout << ' ' << key;
+                std::cout << '\n';
+            }
             return 0;
         };
     });

@@ -1,6 +1,7 @@
 // lmkit env: the identities, the production host set and how this build was distributed.
 #include <cstdio>
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "Command.hpp"
@@ -9,6 +10,57 @@
 
 namespace lmkit::tool {
 namespace {
+
+// A text as it can be printed: bytes that are not UTF-8 (a profile name read from a damaged or
+// foreign file) become "\\xNN" instead of stopping the output.
+std::string printable(const std::string& text) {
+    std::string out;
+    std::size_t i = 0;
+    while (i < text.size()) {
+        auto c = static_cast<unsigned char>(text[i]);
+        std::size_t length = c < 0x80           ? 1
+                             : (c >> 5) == 0x6  ? 2
+                             : (c >> 4) == 0xe  ? 3
+                             : (c >> 3) == 0x1e ? 4
+                                                : 0;
+        bool valid = length > 0 && i + length <= text.size();
+        for (std::size_t k = 1; valid && k < length; ++k)
+            valid = (static_cast<unsigned char>(text[i + k]) & 0xc0) == 0x80;
+        if (valid && length > 1) {
+            // Overlong forms and surrogates are not UTF-8 either.
+            unsigned next = static_cast<unsigned char>(text[i + 1]);
+            valid = !(c == 0xc0 || c == 0xc1 || (c == 0xe0 && next < 0xa0) ||
+                      (c == 0xed && next >= 0xa0) || (c == 0xf0 && next < 0x90) ||
+                      (c == 0xf4 && next >= 0x90) || c > 0xf4);
+        }
+        if (!valid) {
+            out += fmt::format("\\x{:02x}", c);
+            ++i;
+            continue;
+        }
+        out.append(text, i, length);
+        i += length;
+    }
+    return out;
+}
+
+nlohmann::ordered_json printableJson(const nlohmann::ordered_json& value) {
+    if (value.is_string())
+        return printable(value.get_ref<const std::string&>());
+    if (value.is_object()) {
+        nlohmann::ordered_json out = nlohmann::ordered_json::object();
+        for (const auto& [key, member] : value.items())
+            out[printable(key)] = printableJson(member);
+        return out;
+    }
+    if (value.is_array()) {
+        nlohmann::ordered_json out = nlohmann::ordered_json::array();
+        for (const auto& element : value)
+            out.push_back(printableJson(element));
+        return out;
+    }
+    return value;
+}
 
 nlohmann::ordered_json describeEnvironment() {
     auto host = ENV::host();
@@ -49,7 +101,7 @@ Command env("env", "Show the identities, the production hosts and the build envi
             [](CLI::App& app, Common& common) {
                 app.add_flag("--json", common.json, "Print data as JSON");
                 return [&common]() -> int {
-                    auto all = describeEnvironment();
+                    auto all = printableJson(describeEnvironment());
                     if (common.json) {
                         std::puts(all.dump(2).c_str());
                         return 0;

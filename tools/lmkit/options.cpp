@@ -43,7 +43,7 @@ struct ReadOptions {
 };
 
 Json readJson(const std::string& path) {
-    const Data data = readInput(path);
+    const Data data = readInput(path, kDefaultMaxInputBytes);
     Json json = Json::parse(data.begin(), data.end(), nullptr, false);
     if (json.is_discarded())
         throw Failure((path.empty() || path == "-" ? "standard input" : path) +
@@ -133,9 +133,20 @@ int runBuild(const BuildOptions& options) {
     auto built = VPNStartOptionsBuilder::optionsWithGame(args, &error);
     if (!built)
         throw Failure("the start options do not convert: " + describe(error));
-    auto json = built->toJSONDictionary();
-    if (!json)
+    auto encoded = built->toJSONDictionary();
+    if (!encoded)
         throw Failure("the start options have no JSON form");
+    // The record's keys in the order the builder writes them (its own table lists the three
+    // keys the start options add last).
+    auto order = VPNStartOptionsBuilder::dictionaryWithGame(args);
+    auto json = std::make_optional(Json::object());
+    if (order)
+        for (const auto& [key, value] : order->items())
+            if (encoded->contains(key))
+                (*json)[key] = (*encoded)[key];
+    for (const auto& [key, value] : encoded->items())
+        if (!json->contains(key))
+            (*json)[key] = value;
     std::string text;
     try {
         text = options.compact ? json->dump() : json->dump(2);
@@ -187,6 +198,7 @@ Json summaryOf(const VPNSimpleStartOptions& o) {
     s["acceleratedHostAddresses"] = o.uniqueAcceleratedIpFromHosts();
     s["routeDomains"] = countOf(o.routeDomains);
     s["dnsList"] = o.dnsList ? Json(*o.dnsList) : Json::array();
+    s["netToPingIPs"] = o.netToPingIPs ? Json(*o.netToPingIPs) : Json();
     s["remoteDNSServerAddress"] = textOrNull(o.remoteDNSServerAddress);
     s["domainBlacklist"] = countOf(o.domainBlacklist);
     s["domainRegexBlacklist"] = countOf(o.domainRegexBlacklist);

@@ -6,10 +6,10 @@ namespace lmkit {
 
 /// One ban rule; protocolType selects one of the five ban lists (tcp, udp, icmp, domain,
 /// region packet). Addresses are 32-bit words in memory byte order (see ipAddressTransformer).
-/// A "protocol" text outside the five reads as nil, which for this unsigned property is 0: such a
-/// rule lands in the tcp list, as every unmapped scalar does.
+/// A "protocol" outside the five leaves protocolType nil (the text is kept as it stands and a line
+/// is logged): such a rule belongs to none of the lists, so it can never ban TCP traffic.
 struct BanListItem : Model<BanListItem> {
-    std::uint64_t protocolType = 0;
+    std::optional<std::uint64_t> protocolType;
     std::optional<Number> ip;
     std::optional<Number> mask;
     std::optional<RegularExpression> domainRegexp;

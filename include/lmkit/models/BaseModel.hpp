@@ -31,11 +31,13 @@
 //     std::optional<Json> back = game->toJSONDictionary();        // nil (and a log line) on
 //     failure
 //
-// Decoding rules: a missing key or JSON null gives nil (scalars: zero); a value of the wrong kind
-// for a plain property gives nil as well; a nested record or an array of records whose value (or
-// element) is not a JSON object fails the whole decode with an error. Decoding never throws.
-// Defaults (withDefault) fill only keys that are absent; an explicit JSON null stays nil.
-// Encoding writes every table entry, nil as JSON null, at its key path.
+// Decoding rules: a missing key or JSON null gives nil (scalars: zero), which a property's
+// converter sees like any other value; a value of the wrong kind for a plain property is kept as it
+// stands: the typed member stays nil (or zero) and the record holds the JSON value for that
+// property (valueOfOtherKind), writes it back when encoded and compares by it. A nested record or
+// an array of records whose value (or element) is not a JSON object fails the whole decode with an
+// error. Decoding never throws. Defaults (withDefault) fill only keys that are absent; an explicit
+// JSON null stays nil. Encoding writes every table entry, nil as JSON null, at its key path.
 
 #include <array>
 #include <cmath>
@@ -77,6 +79,21 @@ class BaseModel {
 
     /// Records never reject a decoded value.
     bool validate() const { return true; }
+
+    /// The JSON value a property holds as it stands because its kind is not the property's own
+    /// (the text "1400" for a numeric property); nullptr when the property holds no such value.
+    const Json* valueOfOtherKind(std::string_view property) const;
+    /// Every property holding a value of another kind, by property name.
+    const std::map<std::string, Json, std::less<>>& valuesOfOtherKind() const { return otherKind_; }
+    /// Makes `property` hold `value` as it stands (decoding does this for a wrong-kind value).
+    void holdValueOfOtherKind(std::string_view property, Json value);
+    /// Setting a property through its typed member drops the value held for it.
+    void dropValueOfOtherKind(std::string_view property);
+
+    bool operator==(const BaseModel& other) const { return otherKind_ == other.otherKind_; }
+
+  private:
+    std::map<std::string, Json, std::less<>> otherKind_;
 };
 
 /// Base of a record type; supplies the empty table (a record without one maps nothing) and
@@ -104,6 +121,12 @@ template <class T>
 struct Transformer {
     std::function<bool(const Json& in, T& out, Error& error)> forward;
     std::function<Json(const T& value)> reverse;
+    // The kinds of JSON value the converter takes; any other non-null value is kept as it stands
+    // (the member stays nil). Empty: the converter takes every value.
+    std::function<bool(const Json& in)> accepts;
+    // A JSON value the converter takes and gives back unchanged (for generated round trips); the
+    // argument is the nesting depth of the record being sampled.
+    std::function<Json(int depth)> sample;
 };
 
 namespace models_detail {
@@ -366,6 +389,69 @@ struct Codec<std::map<std::string, E>> {
     }
 };
 
+/// A JSON value of member type T with every field set, for generated round-trip tests: records
+/// nest to a bounded depth (a game's zone games are games), below it they are empty objects.
+template <class T>
+struct Sample;
+
+namespace models_detail {
+inline constexpr int kSampleDepth = 2;
+template <Record R>
+Json sampleDocument(int depth);
+}  // namespace models_detail
+
+template <class T>
+requires std::is_arithmetic_v<T>
+struct Sample<T> {
+    static Json make(int) {
+        if constexpr (std::is_same_v<T, bool>)
+            return Json(true);
+        else if constexpr (std::is_floating_point_v<T>)
+            return Json(2.5);
+        else
+            return Json(3);
+    }
+};
+template <>
+struct Sample<std::string> {
+    static Json make(int) { return Json("text"); }
+};
+template <>
+struct Sample<Number> {
+    static Json make(int) { return Json(7); }
+};
+template <>
+struct Sample<Json> {
+    static Json make(int) { return Json{{"any", "value"}}; }
+};
+template <>
+struct Sample<Url> {
+    static Json make(int) { return Json("https://example.com/a?b=c"); }
+};
+template <>
+struct Sample<RegularExpression> {
+    static Json make(int) { return Json("^ab+c$"); }
+};
+template <class T>
+struct Sample<std::optional<T>> {
+    static Json make(int depth) { return Sample<T>::make(depth); }
+};
+template <class E>
+struct Sample<std::vector<E>> {
+    static Json make(int depth) { return Json::array({Sample<E>::make(depth)}); }
+};
+template <class E>
+struct Sample<std::map<std::string, E>> {
+    static Json make(int depth) { return Json{{"key", Sample<E>::make(depth)}}; }
+};
+template <models_detail::Record R>
+struct Sample<std::shared_ptr<R>> {
+    static Json make(int depth) {
+        return depth >= models_detail::kSampleDepth ? Json::object()
+                                                    : models_detail::sampleDocument<R>(depth + 1);
+    }
+};
+
 /// One row of a record's property table (type-erased; built by prop()).
 template <class R>
 struct Property {
@@ -377,6 +463,10 @@ struct Property {
     std::function<Json(const R&)> encode;
     // Fills the member when the key is absent from the JSON; empty when there is no default.
     std::function<void(R&)> applyDefault;
+    // A JSON value of the property's own kind, with every nested field set (see sampleDocument).
+    std::function<Json(int depth)> sample;
+    // Whether a converter reads the value: it also sees an absent key, as nil.
+    bool transformed = false;
 };
 
 /// The typed builder that prop() returns; converts to Property<R> in a table.
@@ -402,23 +492,34 @@ class TypedProperty {
         if (transformer_) {
             auto forward = transformer_->forward;
             auto reverse = transformer_->reverse;
-            p.decode = [member, forward](R& r, const Json& j, Error& e) {
+            auto accepts = transformer_->accepts;
+            p.decode = [member, forward, accepts, name = name_](R& r, const Json& j, Error& e) {
+                if (accepts && !j.is_null() && !accepts(j)) {
+                    r.*member = M{};
+                    r.holdValueOfOtherKind(name, j);
+                    return true;
+                }
                 return forward(j, r.*member, e);
             };
             p.encode = [member, reverse](const R& r) { return reverse(r.*member); };
+            p.sample = transformer_->sample;
+            p.transformed = true;
         } else if constexpr (HasCodec<M>) {
-            p.decode = [member](R& r, const Json& j, Error& e) {
+            p.decode = [member, name = name_](R& r, const Json& j, Error& e) {
                 M& field = r.*member;
                 if (j.is_null()) {
                     Codec<M>::setNil(field);
                     return true;
                 }
                 auto status = Codec<M>::decode(j, field, e);
-                if (status == DecodeStatus::Mismatch)
+                if (status == DecodeStatus::Mismatch) {
                     Codec<M>::setNil(field);
+                    r.holdValueOfOtherKind(name, j);
+                }
                 return status != DecodeStatus::Failed;
             };
             p.encode = [member](const R& r) { return Codec<M>::encode(r.*member); };
+            p.sample = [](int depth) { return Sample<M>::make(depth); };
         }
         if (default_) {
             p.applyDefault = [member, value = *default_](R& r) { r.*member = value; };
@@ -466,8 +567,13 @@ struct Table {
     std::unordered_map<std::string_view, std::vector<std::uint16_t>> byFirstKey;
     // For each property: whether it can be appended to a fresh object without a key search.
     std::vector<bool> appendable;
+    // For each property: the JSON of its initial value (nil, zero or false).
+    std::vector<Json> initial;
 
     Table() : properties(R::properties()) {
+        const R fresh{};
+        for (const auto& p : properties)
+            initial.push_back(p.encode(fresh));
         std::unordered_map<std::string_view, int> uses;
         for (std::size_t i = 0; i < properties.size(); ++i) {
             byFirstKey[properties[i].path.front()].push_back(static_cast<std::uint16_t>(i));
@@ -539,14 +645,32 @@ bool decodeRecord(const Json& object, R& record, Error& error) {
     for (std::size_t i = 0; i < count; ++i) {
         const auto& property = properties[i];
         if (!slots[i]) {
-            if (property.applyDefault)
+            // An absent key is nil: a default fills it, else a converter turns nil into its own
+            // value (the expressions converter gives an empty list), as it does for a JSON null.
+            if (property.applyDefault) {
                 property.applyDefault(record);
+            } else if (property.transformed && !property.decode(record, Json(), error)) {
+                error = prefixed(property.name, error);
+                return false;
+            }
             continue;
         }
         if (!property.decode(record, *slots[i], error)) {
             error = prefixed(property.name, error);
             return false;
         }
+    }
+    return true;
+}
+
+/// Whether every object on the way to the last segment of `path` exists in `json`.
+inline bool pathExists(const Json& json, const std::vector<std::string>& path) {
+    const Json* current = &json;
+    for (std::size_t depth = 0; depth + 1 < path.size(); ++depth) {
+        auto next = current->find(path[depth]);
+        if (next == current->end() || !next->is_object())
+            return false;
+        current = &*next;
     }
     return true;
 }
@@ -560,11 +684,17 @@ Json encodeRecord(const R& record) {
     members.reserve(table.properties.size());
     for (std::size_t i = 0; i < table.properties.size(); ++i) {
         const auto& property = table.properties[i];
-        Json value = property.encode(record);
+        const Json* held = record.valueOfOtherKind(property.name);
+        Json value = held ? *held : property.encode(record);
         if (table.appendable[i]) {
             members.emplace_back(property.path.front(), std::move(value));
             continue;
         }
+        // A property inside an object that nothing else wrote, still at its initial value, is
+        // left out: writing it would invent that object (a start-up configuration without
+        // "grayscale_switch" would come back with one). Decoding gives the initial value anyway.
+        if (!held && value == table.initial[i] && !pathExists(out, property.path))
+            continue;
         Json* target = &out;
         for (std::size_t depth = 0; depth + 1 < property.path.size(); ++depth) {
             Json& next = (*target)[property.path[depth]];
@@ -573,6 +703,30 @@ Json encodeRecord(const R& record) {
             target = &next;
         }
         (*target)[property.path.back()] = std::move(value);
+    }
+    return out;
+}
+
+/// A document of record R with every property set at its key path (null for a converter
+/// without a sample).
+template <Record R>
+Json sampleDocument(int depth) {
+    Json out = Json::object();
+    for (const auto& property : R::properties()) {
+        Json* target = &out;
+        for (std::size_t i = 0; i + 1 < property.path.size(); ++i) {
+            Json& next = (*target)[property.path[i]];
+            if (!next.is_object())
+                next = Json::object();
+            target = &next;
+        }
+        Json value = property.sample ? property.sample(depth) : Json();
+        Json& slot = (*target)[property.path.back()];
+        // A whole-object property and the properties inside it share one object.
+        if (slot.is_object() && value.is_object())
+            slot.update(value);
+        else if (!slot.is_object())
+            slot = std::move(value);
     }
     return out;
 }

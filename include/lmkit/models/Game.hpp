@@ -82,7 +82,7 @@ struct DialogConfiguration : Model<DialogConfiguration> {
     static const std::vector<Property<DialogConfiguration>>& properties();
 };
 
-/// A game that can be accelerated. Equal (and hashed) by gid.
+/// A game that can be accelerated. Equal (and hashed) by gid, whatever kind of value it holds.
 struct Game : Model<Game> {
     std::optional<std::string> gid;
     std::optional<std::string> name;
@@ -117,7 +117,10 @@ struct Game : Model<Game> {
     bool showLockRegionUI = false;
     std::optional<std::vector<std::shared_ptr<BaseNode>>> speedTestLines;
 
-    bool operator==(const Game& other) const { return gid == other.gid; }
+    /// The gid as held: its text, or the value of another kind the service sent (a numeric
+    /// gid stays that number), or null.
+    Json identity() const;
+    bool operator==(const Game& other) const { return identity() == other.identity(); }
 
     /// True when the game has a URL scheme, a launch URI or at least one bundle entry.
     bool supportOpenURL() const;
@@ -143,7 +146,7 @@ struct Game : Model<Game> {
 template <>
 struct std::hash<lmkit::Game> {
     std::size_t operator()(const lmkit::Game& game) const {
-        return game.gid ? std::hash<std::string>()(*game.gid) : 0;
+        return std::hash<lmkit::Json>()(game.identity());
     }
 };
 

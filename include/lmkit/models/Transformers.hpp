@@ -46,7 +46,13 @@ void setNumber(T& out, const std::optional<Number>& n) {
     }
 }
 
+/// Accepts of the converters that read a JSON number (or boolean): other kinds stay as they are.
+inline bool acceptsNumber(const Json& in) {
+    return in.is_number() || in.is_boolean();
+}
+
 Json timeStampForward(const Json& in);
+bool timeStampAccepts(const Json& in);
 Json timeStampReverse(const std::optional<Number>& seconds);
 std::optional<std::uint32_t> ipAddressForward(const Json& in);
 Json ipAddressReverse(const std::optional<Number>& address);
@@ -86,11 +92,14 @@ Transformer<T> valueMappingTransformer(
         }
         return reverseDefaultValue ? Json(*reverseDefaultValue) : Json();
     };
+    t.sample = [shared](int) { return shared->empty() ? Json() : Json(shared->front().first); };
     return t;
 }
 
 /// Milliseconds to seconds through a 32-bit float (the single-precision step is part of the
 /// contract: present-day stamps keep about 7 significant digits); reverse multiplies in float.
+/// Takes a number or a text that is wholly a number (the platform reads a text's float value);
+/// any other value is kept as it stands.
 template <class T = std::optional<Number>>
 Transformer<T> timeStampTransformer() {
     Transformer<T> t;
@@ -98,6 +107,8 @@ Transformer<T> timeStampTransformer() {
         models_detail::setNumber(out, Number::fromJson(models_detail::timeStampForward(in)));
         return true;
     };
+    t.accepts = models_detail::timeStampAccepts;
+    t.sample = [](int) { return Json(1500); };
     t.reverse = [](const T& value) {
         return models_detail::timeStampReverse(models_detail::numberOf(value));
     };
@@ -115,21 +126,25 @@ Transformer<T> ipAddressTransformer() {
             out, word ? std::optional<Number>(Number(unsigned{*word})) : std::nullopt);
         return true;
     };
+    // Only text is parsed; a value of another kind is kept as it stands.
+    t.accepts = [](const Json& in) { return in.is_string(); };
+    t.sample = [](int) { return Json("10.0.0.1"); };
     t.reverse = [](const T& value) {
         return models_detail::ipAddressReverse(models_detail::numberOf(value));
     };
     return t;
 }
 
-/// String to URL (nil when the string is no valid URL); URL back to its absolute string.
+/// String to URL (nil when the string is no valid URL); URL back to its absolute string. A value
+/// that is not text is kept as it stands, as by the two regular-expression converters.
 Transformer<std::optional<Url>> URLValueTransformer();
 Transformer<std::optional<Url>> filepickerURLTransformer();
 
 /// Pattern to a compiled case-insensitive expression; nil when it does not compile.
 Transformer<std::optional<RegularExpression>> regularExpressionTransformer();
 
-/// Patterns to compiled expressions, skipping those that do not compile (order kept); nil or a
-/// non-array input gives the empty array.
+/// Patterns to compiled expressions, skipping those that do not compile (order kept); nil gives
+/// the empty array, a value that is not an array is kept as it stands.
 Transformer<std::optional<std::vector<RegularExpression>>> regularExpressionsTransformer();
 
 }  // namespace lmkit

@@ -62,7 +62,7 @@ struct VPNSimpleStartOptions : Model<VPNSimpleStartOptions> {
     bool enableMultipath = false;
     std::uint64_t dualChannelType = 0;
     std::shared_ptr<BoostTechIconState> techIconState;
-    Dictionary netToPingIPs;
+    std::optional<std::vector<std::string>> netToPingIPs;  // the answer's list, as the app wrote it
     List<AccBlackListPortRange> blackListPorts;
     bool mainlinkUseTLS = false;
     bool forceMainlinkTLS = false;
