@@ -1,5 +1,8 @@
 #include "tunnel/SpeedTestRun.hpp"
 
+#include <algorithm>
+#include <cmath>
+
 namespace lmkit::detail {
 
 namespace {
@@ -11,14 +14,26 @@ constexpr double kPacketInterval = 0.02;
 // A packet not answered within a second is lost: a relay that slow is already past the
 // 400 ms ceiling the statistics keep.
 constexpr double kRoundTimeout = 1.0;
+// What a round keeps free before the next test for its report to arrive, and the shortest wait
+// it is given however short the interval.
+constexpr double kReportMargin = 0.05;
+constexpr double kShortestRoundTimeout = 0.05;
 // The delay a round with no answer at all stands for.
 constexpr double kNoAnswerDelay = 400.0;
 
 }  // namespace
 
+double SpeedTestRun::roundTimeoutWithin(double interval) {
+    const double sending = (kPacketsPerRound - 1) * kPacketInterval;
+    if (!std::isfinite(interval))
+        return kRoundTimeout;
+    return std::clamp(interval - sending - kReportMargin, kShortestRoundTimeout, kRoundTimeout);
+}
+
 std::shared_ptr<SpeedTestRun> SpeedTestRun::start(const std::string& host, long port,
-                                                  long interfaceType, DispatchQueue queue,
-                                                  Success success, Failure failure) {
+                                                  long interfaceType, double interval,
+                                                  DispatchQueue queue, Success success,
+                                                  Failure failure) {
     std::shared_ptr<SpeedTestRun> run(new SpeedTestRun(std::move(success), std::move(failure)));
     if (host.empty() || port < 1 || port > 65535) {
         std::weak_ptr<SpeedTestRun> weak = run;
@@ -39,7 +54,7 @@ std::shared_ptr<SpeedTestRun> SpeedTestRun::start(const std::string& host, long 
     task.rounds = 1;
     task.packets = kPacketsPerRound;
     task.intervalTime = kPacketInterval;
-    task.timeout = kRoundTimeout;
+    task.timeout = roundTimeoutWithin(interval);
     task.interfaceType = interfaceType;
     auto speedometer = Speedometer::create(std::move(task));
     speedometer->setDelegate(run);
@@ -103,13 +118,14 @@ void SpeedTestRun::speedometerDidFail(Speedometer&, const Error& error) {
 }
 
 std::shared_ptr<DualChannelSpeedTest> DualChannelSpeedTest::start(const std::string& host,
-                                                                  long port, DispatchQueue queue,
+                                                                  long port, double interval,
+                                                                  DispatchQueue queue,
                                                                   Complete complete) {
     std::shared_ptr<DualChannelSpeedTest> test(new DualChannelSpeedTest(std::move(complete)));
     std::weak_ptr<DualChannelSpeedTest> weak = test;
     auto side = [&](bool wifi) {
         return SpeedTestRun::start(
-            host, port, wifi ? kWiFiInterface : kCellularInterface, queue,
+            host, port, wifi ? kWiFiInterface : kCellularInterface, interval, queue,
             [weak, wifi](const std::vector<double>& delays, double average) {
                 if (auto self = weak.lock())
                     self->sideDone(wifi, delays, average);

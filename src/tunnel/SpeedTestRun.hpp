@@ -27,11 +27,18 @@ class SpeedTestRun : public SpeedometerDelegate, public std::enable_shared_from_
     static constexpr const char* kErrorDomain = "BoostEffectSpeedTestErrorDomain";
     static constexpr long kErrorInvalidEndpoint = 1;
 
-    /// Starts the round. An empty host or a port outside 1-65535 is reported as a failure on
-    /// `queue` without touching the network.
+    /// Starts the round, which reports within `interval` seconds (the time until the next test
+    /// replaces it; see roundTimeoutWithin). An empty host or a port outside 1-65535 is reported
+    /// as a failure on `queue` without touching the network.
     static std::shared_ptr<SpeedTestRun> start(const std::string& host, long port,
-                                               long interfaceType, DispatchQueue queue,
-                                               Success success, Failure failure);
+                                               long interfaceType, double interval,
+                                               DispatchQueue queue, Success success,
+                                               Failure failure);
+    /// How long a round waits for answers after its last packet: at most a second, and no
+    /// longer than leaves the round time to report before the next test, `interval` seconds
+    /// after this one, stops it. A round stopped that way yields no sample at all, so a lossy
+    /// path would have no statistics and a dead one would never show its 400 ms entries.
+    static double roundTimeoutWithin(double interval);
     ~SpeedTestRun() override;
 
     void stop();
@@ -66,7 +73,8 @@ class DualChannelSpeedTest : public std::enable_shared_from_this<DualChannelSpee
     static constexpr long kCellularInterface = 2;
 
     static std::shared_ptr<DualChannelSpeedTest> start(const std::string& host, long port,
-                                                       DispatchQueue queue, Complete complete);
+                                                       double interval, DispatchQueue queue,
+                                                       Complete complete);
     void stop();
 
   private:

@@ -1,6 +1,7 @@
 // test-labels: concurrency
 #include "lmkit/tunnel/BoostEffectGameResultItem.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <string>
@@ -411,6 +412,45 @@ TEST_F(BoostEffectItemTest, MeasuresDirectAndRelayPathsAgainstEchoEndpoints) {
                          "127.0.0.1, direct port: " +
                          std::to_string(endpoints[0].port)));
     EXPECT_TRUE(capture.contains("[Network Statistics] Double Line/proxy(gid:g-live)"));
+}
+
+TEST_F(BoostEffectItemTest, LossyAndDeadPathsStillYieldSamplesAtTheDemosInterval) {
+    // Every test is replaced by the next one half a second later: a round that waits past that
+    // for a lost packet never reports, so the round must fit the interval.
+    constexpr double kInterval = 0.5;
+    EchoEndpointConfig lossy;
+    lossy.faults.loss = 0.1;
+    EchoEndpointConfig dead;
+    dead.faults.loss = 1.0;
+    Error error;
+    auto server = EchoServer::start({lossy, dead}, 7, &error);
+    ASSERT_TRUE(server) << error.localizedDescription();
+    auto endpoints = server->endpoints();
+
+    // One line at 10% loss: rounds report the answered packets' mean.
+    auto address = text("127.0.0.1");
+    auto single =
+        Item::create(makeGame("g-lossy"), false, Number(1), kInterval, address, endpoints[0].port,
+                     address, endpoints[0].port, Number(0), nullptr, fake_.environment());
+    ASSERT_TRUE(single);
+    single->speedTest();
+    ASSERT_TRUE(testing::waitFor([&] { return single->directDelays().count() >= 4; }, 30));
+    single->stop();
+    auto samples = single->directDelays().immutableArray();
+    EXPECT_TRUE(std::any_of(samples.begin(), samples.end(), [](double d) { return d < 400; }));
+
+    // Two lines with a dead relay: the relay's rounds fail and both lists get 400 ms entries.
+    auto both = Item::create(makeGame("g-dead"), false, Number(1), kInterval, text("127.0.0.1"),
+                             endpoints[0].port, text("127.0.0.1"), endpoints[1].port, Number(0),
+                             nullptr, fake_.environment());
+    ASSERT_TRUE(both);
+    both->speedTest();
+    ASSERT_TRUE(testing::waitFor(
+        [&] { return both->proxyDelays().count() >= 3 && both->directDelays().count() >= 3; }, 30));
+    both->stop();
+    for (double delay : both->proxyDelays().immutableArray())
+        EXPECT_EQ(delay, 400.0);
+    ASSERT_TRUE(testing::waitFor([&] { return single.use_count() == 1 && both.use_count() == 1; }));
 }
 
 }  // namespace
