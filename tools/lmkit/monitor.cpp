@@ -78,8 +78,8 @@ int runMonitor(const MonitorOptions& options, const Common& common) {
     });
     if (!common.json) {
         std::printf("monitoring %s:%ld every %.3fs (loss limit %.2f, deviation limit %.2f ms)\n",
-                    host.c_str(), monitor->pingPort(), monitor->speedTestInterval(),
-                    monitor->maxLoss(), monitor->maxDeviation());
+                    host.c_str(), monitor->pingPort(), monitor->tickPeriod(), monitor->maxLoss(),
+                    monitor->maxDeviation());
         std::fflush(stdout);
     }
 
@@ -139,7 +139,7 @@ Command monitor("monitor",
                         ->check(CLI::Range(0.05, 3600.0));
                     app.add_option("--duration", options->duration,
                                    "Stop after this many seconds (0: at the verdict or Ctrl-C)")
-                        ->check(CLI::NonNegativeNumber);
+                        ->check(CLI::Range(0.0, 86400.0));
                     return [options, &common]() -> int { return runMonitor(*options, common); };
                 });
 

@@ -122,10 +122,13 @@ class NetworkMonitor : public std::enable_shared_from_this<NetworkMonitor> {
     using OutcomeObserver = std::function<void(const NodeSelectorResult& outcome)>;
     void setOutcomeObserver(OutcomeObserver observer);
 
+    /// The period the ticks really keep: speedTestInterval() in whole nanoseconds, at least
+    /// kMinimumTickPeriod (a configuration without an interval reads as 0).
+    double tickPeriod();
+
   private:
     NetworkMonitor();
 
-    double tickPeriod();
     /// The one way resultCount changes; runs the judging for the new value.
     void setResultCount(std::int64_t value);
     void observeResultCount(std::int64_t value);
