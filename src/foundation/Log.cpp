@@ -57,6 +57,13 @@ void write(unsigned flag, std::string_view text, Stream stream, const Location& 
     }
 }
 
+bool isEnabled(unsigned flag) {
+    if (detail::streamsAccept(flag))
+        return true;
+    std::lock_guard lock(gObserversMutex);
+    return !gObservers.empty();
+}
+
 void addObserver(std::shared_ptr<Observer> observer) {
     std::lock_guard lock(gObserversMutex);
     gObservers.push_back(std::move(observer));

@@ -2,12 +2,19 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <mutex>
+#include <string_view>
 #include <system_error>
+
+#include <spdlog/details/log_msg.h>
+#include <spdlog/sinks/rotating_file_sink.h>
 
 #include "lmkit/foundation/LogFileManager.hpp"
 #include "lmkit/foundation/LogFormatter.hpp"
+#include "lmkit/foundation/LogProcessStream.hpp"
 
 namespace lmkit::log {
 
@@ -17,20 +24,35 @@ namespace fs = std::filesystem;
 
 std::atomic<bool> gFileLogging{true};
 std::atomic<unsigned> gStderrMask{0};
+// Debug and verbose lines cost a formatted line per node and probe on large runs; the files keep
+// them only when asked (LMKIT_LOG_LEVEL=debug or setFileLevel()).
+std::atomic<unsigned> gFileMask{[] {
+    const char* level = std::getenv("LMKIT_LOG_LEVEL");
+    std::string_view name = level ? level : "";
+    if (name == "verbose")
+        return kAllLevels;
+    if (name == "debug")
+        return kAllLevels & ~unsigned(kVerbose);
+    return unsigned(kError | kWarning | kInfo);
+}()};
 std::mutex gStderrMutex;  // keeps lines from different threads whole on standard error
 
-// The open file of one stream. Lines are appended and flushed one by one under the mutex, so
-// a line is never interleaved with another and survives a crash right after it was logged.
+std::atomic<Stream> gProcessStream{Stream::App};
+
+// The open file of one stream: spdlog's rotating sink starts "<name>.1.log" when the day's file
+// outgrows the stream's size limit, and a new day starts a new sink. Lines are written and
+// flushed one by one under the mutex, so a line is never interleaved with another and survives a
+// crash right after it was logged.
 struct StreamFile {
     std::mutex mutex;
-    std::FILE* file = nullptr;  // guarded by mutex
-    fs::path path;              // guarded by mutex: the file that `file` writes
+    std::shared_ptr<spdlog::sinks::rotating_file_sink_st> sink;  // guarded by mutex
+    fs::path path;            // guarded by mutex: the day's file that `sink` writes
+    std::uintmax_t size = 0;  // guarded by mutex: bytes in that file, to see when it rolls
 
     void close() {
-        if (file)
-            std::fclose(file);
-        file = nullptr;
+        sink.reset();
         path.clear();
+        size = 0;
     }
 };
 
@@ -61,25 +83,46 @@ void appendToFile(Stream stream, const std::string& line) {
     LogFileManager& manager = managerFor(stream);
     // Today's name, in the folder as it is now: a new day or a moved folder starts a new file.
     fs::path path = manager.logsDirectory() / manager.newLogFileName();
+    const std::size_t limit = manager.maximumFileSize();
 
     StreamFile& target = fileFor(stream);
     std::lock_guard lock(target.mutex);
-    if (!target.file || target.path != path) {
-        target.close();
-        std::error_code ignored;
-        fs::create_directories(path.parent_path(), ignored);
-        target.file = std::fopen(path.c_str(), "a");
-        if (!target.file)
-            return;  // unwritable folder: the line is lost, the caller is not
-        target.path = path;
-        manager.deleteOldLogFiles(path);
+    try {
+        if (!target.sink || target.path != path) {
+            target.close();
+            std::error_code ec;
+            fs::create_directories(path.parent_path(), ec);
+            const std::size_t kept = manager.maximumNumberOfLogFiles();
+            // Rolled files of one day count against the stream's limit like other days' files;
+            // deleteOldLogFiles keeps the newest across both.
+            target.sink = std::make_shared<spdlog::sinks::rotating_file_sink_st>(
+                path.string(), limit, kept == 0 ? 1000 : std::max<std::size_t>(kept, 1));
+            target.sink->set_pattern("%v");
+            target.path = path;
+            target.size = fs::file_size(path, ec);
+            manager.deleteOldLogFiles(path);
+        }
+        const std::size_t bytes = line.size() + 1;
+        const bool rolls = target.size > 0 && target.size + bytes > limit;
+        spdlog::details::log_msg message(spdlog::source_loc{}, {}, spdlog::level::info, line);
+        target.sink->log(message);
+        target.sink->flush();
+        target.size = rolls ? bytes : target.size + bytes;
+        if (rolls)
+            manager.deleteOldLogFiles(path);
+    } catch (const std::exception&) {
+        target.close();  // unwritable folder or full disk: the line is lost, the caller is not
     }
-    std::fwrite(line.data(), 1, line.size(), target.file);
-    std::fputc('\n', target.file);
-    std::fflush(target.file);
 }
 
 }  // namespace
+
+void setProcessStream(Stream stream) {
+    gProcessStream.store(stream);
+}
+Stream processStream() {
+    return gProcessStream.load();
+}
 
 void setFileLoggingEnabled(bool enabled) {
     gFileLogging.store(enabled);
@@ -88,6 +131,18 @@ void setFileLoggingEnabled(bool enabled) {
 }
 bool isFileLoggingEnabled() {
     return gFileLogging.load();
+}
+
+void setFileLevel(unsigned mask) {
+    gFileMask.store(mask);
+}
+unsigned fileLevel() {
+    return gFileMask.load();
+}
+
+bool detail::streamsAccept(unsigned flag) {
+    return (gFileLogging.load() && (flag & gFileMask.load()) != 0) ||
+           (flag & gStderrMask.load()) != 0;
 }
 
 void setStderrLevel(unsigned mask) {
@@ -100,7 +155,7 @@ unsigned stderrLevel() {
 namespace detail {
 
 void deliverToStreams(const LogMessage& message) {
-    const bool toFile = gFileLogging.load();
+    const bool toFile = gFileLogging.load() && (message.flag & gFileMask.load()) != 0;
     const bool toStderr = (message.flag & gStderrMask.load()) != 0;
     if (!toFile && !toStderr)
         return;
@@ -112,8 +167,11 @@ void deliverToStreams(const LogMessage& message) {
         std::lock_guard lock(gStderrMutex);
         std::fprintf(stderr, "%s\n", line->c_str());
     }
-    if (toFile)
-        appendToFile(message.stream, *line);
+    if (toFile) {
+        const Stream stream =
+            message.stream == Stream::App ? gProcessStream.load() : message.stream;
+        appendToFile(stream, *line);
+    }
 }
 
 void closeStreams() {

@@ -8,6 +8,9 @@ namespace lmkit::log::detail {
 /// standard error.
 void deliverToStreams(const LogMessage& message);
 
+/// Whether a file or standard error would take a message of `flag`.
+bool streamsAccept(unsigned flag);
+
 /// Closes the streams' open files (the next message reopens them).
 void closeStreams();
 

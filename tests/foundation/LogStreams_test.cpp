@@ -10,6 +10,7 @@
 #include "foundation/LogBackend.hpp"
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/foundation/LogFileManager.hpp"
+#include "lmkit/foundation/LogProcessStream.hpp"
 #include "lmkit/platform/AppGroup.hpp"
 #include "lmkit/platform/DispatchQueue.hpp"
 #include "support/TestSupport.hpp"
@@ -58,6 +59,11 @@ TEST_F(LogStreamsTest, EachStreamWritesFormattedLinesToTodaysFile) {
     log::info("[NodeSelector] picked node 3");
     log::warning("[API] slow answer", log::Stream::Api);
     log::error("[TProxy] closed", log::Stream::Tunnel);
+    // The tunnel process's own lines join the tunnel stream; API lines keep theirs.
+    log::setProcessStream(log::Stream::Tunnel);
+    log::info("[Tunnel] started");
+    log::info("[API] from the tunnel", log::Stream::Api);
+    log::setProcessStream(log::Stream::App);
 
     auto app = linesOf(dir_.path() / "logs" / LogFileManager::app().newLogFileName());
     ASSERT_EQ(app.size(), 1u);
@@ -66,18 +72,26 @@ TEST_F(LogStreamsTest, EachStreamWritesFormattedLinesToTodaysFile) {
     EXPECT_EQ(app[0][4], '-');  // starts with the date
 
     auto api = linesOf(fileOf(LogFileManager::api()));
-    ASSERT_EQ(api.size(), 1u);
+    ASSERT_EQ(api.size(), 2u);
     EXPECT_TRUE(endsWith(api[0], "[W\xEF\xB8\x8F][main] > [API] slow answer")) << api[0];
 
     auto tunnel =
         linesOf(dir_.path() / "group" / "Logs" / LogFileManager::tunnel().newLogFileName());
-    ASSERT_EQ(tunnel.size(), 1u);
+    ASSERT_EQ(tunnel.size(), 2u);
     EXPECT_TRUE(endsWith(tunnel[0], "[E][main] > [TProxy] closed")) << tunnel[0];
+    EXPECT_TRUE(endsWith(tunnel[1], "> [Tunnel] started")) << tunnel[1];
 }
 
 TEST_F(LogStreamsTest, QueueLabelNamesLinesFromPoolThreads) {
     auto queue = DispatchQueue::serial("com.lmkit.test.logqueue");
+    // Debug lines reach the files only when the file level asks for them.
+    queue.sync([] { log::debug("not in the file"); });
+    EXPECT_FALSE(log::isEnabled(log::kDebug));
+    const unsigned saved = log::fileLevel();
+    log::setFileLevel(log::kAllLevels);
+    EXPECT_TRUE(log::isEnabled(log::kDebug));
     queue.sync([] { log::debug("from the queue"); });
+    log::setFileLevel(saved);
     auto lines = linesOf(fileOf(LogFileManager::app()));
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(endsWith(lines[0], "[D][com.lmkit.test.logqueue] > from the queue")) << lines[0];
@@ -95,7 +109,7 @@ TEST_F(LogStreamsTest, DisabledFileLoggingWritesNothingAndStderrFollowsItsMask) 
     EXPECT_FALSE(fs::exists(fileOf(LogFileManager::app())));
 }
 
-TEST_F(LogStreamsTest, StartingAFilePrunesTheStreamToFiveFiles) {
+TEST_F(LogStreamsTest, FilesRollByDayAndBySizeAndTheStreamKeepsFive) {
     fs::create_directories(dir_.path() / "logs");
     for (int day = 1; day <= 6; ++day) {
         auto path = dir_.path() / "logs" / ("op-2020-01-0" + std::to_string(day) + ".log");
@@ -109,6 +123,31 @@ TEST_F(LogStreamsTest, StartingAFilePrunesTheStreamToFiveFiles) {
     EXPECT_EQ(files.front(), fileOf(LogFileManager::app()));
     EXPECT_FALSE(fs::exists(dir_.path() / "logs" / "op-2020-01-05.log"));
     EXPECT_TRUE(fs::exists(dir_.path() / "logs" / "op-2020-01-04.log"));
+
+    // A day that outgrows the size limit rolls within the day; rolled files count against the
+    // five, and the newest lines are all kept.
+    log::detail::closeStreams();
+    LogFileManager::app().setMaximumFileSize(1000);
+    const std::string filler(200, 'x');
+    for (int i = 0; i < 40; ++i)
+        log::info("line " + std::to_string(i) + " " + filler);
+    LogFileManager::app().setMaximumFileSize(LogFileManager::kDefaultMaximumFileSize);
+    log::detail::closeStreams();
+    files = LogFileManager::app().sortedLogFilePaths();
+    ASSERT_EQ(files.size(), 5u);
+    for (const auto& file : files)
+        EXPECT_EQ(file.filename().string().rfind("op-2020", 0), std::string::npos) << file;
+    EXPECT_LE(fs::file_size(fileOf(LogFileManager::app())), 1000u);
+    auto rolled = fs::path(fileOf(LogFileManager::app())).replace_extension(".1.log");
+    ASSERT_TRUE(fs::exists(rolled));
+    auto newest = linesOf(fileOf(LogFileManager::app()));
+    ASSERT_FALSE(newest.empty());
+    EXPECT_NE(newest.back().find("line 39 "), std::string::npos);
+    auto before = linesOf(rolled);
+    ASSERT_FALSE(before.empty());
+    const auto firstNewest = newest.front().substr(newest.front().find("line "));
+    const auto lastRolled = before.back().substr(before.back().find("line "));
+    EXPECT_EQ(std::stoi(lastRolled.substr(5)) + 1, std::stoi(firstNewest.substr(5)));
 }
 
 TEST_F(LogStreamsTest, LinesFromManyThreadsStayWhole) {

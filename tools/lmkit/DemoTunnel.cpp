@@ -23,6 +23,7 @@
 
 #include "Command.hpp"
 #include "DataFiles.hpp"
+#include "lmkit/foundation/LogProcessStream.hpp"
 #include "lmkit/platform/Clock.hpp"
 #include "lmkit/tunnel/BoostEffectDataManager.hpp"
 #include "lmkit/tunnel/VPNStartOptionsTransport.hpp"
@@ -251,6 +252,7 @@ double mean(const std::vector<double>& values) {
 }  // namespace
 
 int runDemoTunnelSide(const std::string& directory, const std::string& gameServer) {
+    log::setProcessStream(log::Stream::Tunnel);
     // Stop requests are taken by sigtimedwait below; every thread started from here on
     // inherits the blocked mask, so none of them dies of the signal.
     sigset_t stopSignals;
@@ -294,10 +296,10 @@ int runDemoTunnelSide(const std::string& directory, const std::string& gameServe
         auto rear = relay->rearDelay ? *relay->rearDelay : Number(kDefaultRearDelay);
         started =
             data.startSpeedTestWithOption(
-                options, false, Number(Clock::nowMilliseconds() / 1000), kSendTimeInterval,
-                std::make_shared<const std::string>(*relay->ip), relay->netaskPort->intValue(),
-                std::make_shared<const std::string>(direct->first), direct->second, rear,
-                loopbackEnvironment(manager)) != nullptr;
+                options, false, Number(static_cast<std::int64_t>(Clock::nowSeconds())),
+                kSendTimeInterval, std::make_shared<const std::string>(*relay->ip),
+                relay->netaskPort->intValue(), std::make_shared<const std::string>(direct->first),
+                direct->second, rear, loopbackEnvironment(manager)) != nullptr;
     });
     if (!started)
         return fail("the boost-effect measurement did not start");

@@ -78,6 +78,15 @@ inline void verbose(std::string_view text, Stream stream = Stream::App,
 void setFileLoggingEnabled(bool enabled);
 bool isFileLoggingEnabled();
 
+/// The flags whose messages reach the files (error, warning and info by default; the environment
+/// variable LMKIT_LOG_LEVEL=debug or verbose widens it at start).
+void setFileLevel(unsigned mask);
+unsigned fileLevel();
+
+/// Whether a message of `flag` would go anywhere: callers that build costly lines (one per node
+/// of a large run) ask first.
+bool isEnabled(unsigned flag);
+
 /// The flags whose messages are also written to standard error (none by default).
 void setStderrLevel(unsigned mask);
 unsigned stderrLevel();

@@ -13,8 +13,9 @@ namespace lmkit {
 
 /// Names, recognises and limits the log files of one log stream.
 ///
-/// Files are named "<prefix>-yyyy-MM-dd.log" (local date), one per calendar day, and a stream
-/// keeps at most maximumNumberOfLogFiles() of them: older ones are deleted when a new one is
+/// Files are named "<prefix>-yyyy-MM-dd.log" (local date), one per calendar day; a day's file that
+/// outgrows maximumFileSize() rolls to "<prefix>-yyyy-MM-dd.1.log". A stream keeps at most
+/// maximumNumberOfLogFiles() files of either kind: the oldest are deleted when a new one is
 /// started. Three shared managers exist:
 ///
 ///   app()    prefix "op" (not "app": existing files are recognised by it), default folder
@@ -49,6 +50,12 @@ class LogFileManager {
     /// Points the default folder elsewhere (tests); an empty path restores the environment's.
     static void setDefaultLogsDirectoryForTesting(const std::filesystem::path& directory);
 
+    /// How large a file grows before the stream rolls to a new one within the same day
+    /// ("<prefix>-yyyy-MM-dd.1.log" and so on, the newest rolled file numbered 1).
+    static constexpr std::size_t kDefaultMaximumFileSize = 1024 * 1024;
+    std::size_t maximumFileSize() const { return maximumFileSize_.load(); }
+    void setMaximumFileSize(std::size_t bytes) { maximumFileSize_.store(bytes ? bytes : 1); }
+
     /// 0 means no limit.
     std::size_t maximumNumberOfLogFiles() const { return maximum_.load(); }
     void setMaximumNumberOfLogFiles(std::size_t maximum) { maximum_.store(maximum); }
@@ -72,6 +79,7 @@ class LogFileManager {
     std::optional<std::filesystem::path> folder_;
     std::function<std::filesystem::path()> folderSource_;  // set for folders that can move
     std::atomic<std::size_t> maximum_{kDefaultMaximumNumberOfLogFiles};
+    std::atomic<std::size_t> maximumFileSize_{kDefaultMaximumFileSize};
 };
 
 }  // namespace lmkit
