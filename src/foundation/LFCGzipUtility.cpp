@@ -48,7 +48,9 @@ UngzipResult::Status inflateInto(const Data& input, std::optional<std::size_t> l
                                  Data& output) {
     const std::size_t step = input.size() / 2;
     // One byte beyond the limit tells a stream that would exceed it from one that fits exactly.
-    const std::size_t cap = limit ? *limit + 1 : std::numeric_limits<std::size_t>::max() - step;
+    // A limit near the top of the range is no limit: no buffer grows that far.
+    const std::size_t unbounded = std::numeric_limits<std::size_t>::max() - step;
+    const std::size_t cap = limit && *limit < unbounded ? *limit + 1 : unbounded;
 
     z_stream stream{};
     if (inflateInit2(&stream, kAutoDetectWindowBits) != Z_OK)

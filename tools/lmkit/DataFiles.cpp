@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "Command.hpp"
+#include "OutputFile.hpp"
 
 namespace lmkit::tool {
 
@@ -21,8 +22,10 @@ bool isStandardStream(const std::string& path) {
 
 }  // namespace
 
-Data readInput(const std::string& path) {
+void readInputChunks(const std::string& path,
+                     const std::function<void(const std::uint8_t*, std::size_t)>& chunk) {
     const bool standard = isStandardStream(path);
+    const std::string name = standard ? std::string("standard input") : path;
     std::unique_ptr<std::FILE, FileCloser> owned;
     std::FILE* file = stdin;
     if (!standard) {
@@ -31,32 +34,44 @@ Data readInput(const std::string& path) {
             throw Failure("cannot read " + path + ": " + std::strerror(errno));
         file = owned.get();
     }
-    Data data;
     std::uint8_t buffer[65536];
     std::size_t count = 0;
     while ((count = std::fread(buffer, 1, sizeof buffer, file)) > 0)
-        data.insert(data.end(), buffer, buffer + count);
+        chunk(buffer, count);
     if (std::ferror(file))
-        throw Failure("cannot read " + (standard ? std::string("standard input") : path) + ": " +
-                      std::strerror(errno));
+        throw Failure("cannot read " + name + ": " + std::strerror(errno));
+}
+
+Data readInput(const std::string& path, std::uint64_t maxBytes) {
+    Data data;
+    readInputChunks(path, [&](const std::uint8_t* bytes, std::size_t count) {
+        if (data.size() + count > maxBytes)
+            throw Failure((isStandardStream(path) ? std::string("standard input") : path) +
+                          " is larger than " + std::to_string(maxBytes) +
+                          " bytes (see --max-bytes)");
+        data.insert(data.end(), bytes, bytes + count);
+    });
     return data;
 }
 
-void writeOutput(const std::string& path, const Data& data) {
-    const bool standard = isStandardStream(path);
-    std::unique_ptr<std::FILE, FileCloser> owned;
-    std::FILE* file = stdout;
-    if (!standard) {
-        owned.reset(std::fopen(path.c_str(), "wb"));
-        if (!owned)
-            throw Failure("cannot write " + path + ": " + std::strerror(errno));
-        file = owned.get();
+void writeOutputChunks(
+    const std::string& path,
+    const std::function<void(const std::function<void(const std::uint8_t*, std::size_t)>&)>&
+        produce) {
+    if (isStandardStream(path)) {
+        produce(
+            [](const std::uint8_t* data, std::size_t size) { writeStandardOutput(data, size); });
+        if (std::fflush(stdout) != 0)
+            throw Failure(std::string("cannot write standard output: ") + std::strerror(errno));
+        return;
     }
-    const std::string name = standard ? std::string("standard output") : path;
-    if (std::fwrite(data.data(), 1, data.size(), file) != data.size() || std::fflush(file) != 0)
-        throw Failure("cannot write " + name + ": " + std::strerror(errno));
-    if (owned && std::fclose(owned.release()) != 0)
-        throw Failure("cannot write " + name + ": " + std::strerror(errno));
+    OutputFile file(path);
+    produce([&](const std::uint8_t* data, std::size_t size) { file.write(data, size); });
+    file.commit();
+}
+
+void writeOutput(const std::string& path, const Data& data) {
+    writeOutputChunks(path, [&](const auto& sink) { sink(data.data(), data.size()); });
 }
 
 }  // namespace lmkit::tool

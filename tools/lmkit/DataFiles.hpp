@@ -1,17 +1,40 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <limits>
 #include <string>
 
 #include "lmkit/foundation/Data.hpp"
 
 namespace lmkit::tool {
 
-/// Reads the whole file, or standard input when `path` is empty or "-". Throws Failure with a
-/// line that names the file when it cannot be read.
-Data readInput(const std::string& path);
+/// Documents larger than this are refused unless a subcommand's --max-bytes allows more: a
+/// service document is a few MB, and /dev/zero must not take the memory of the machine.
+inline constexpr std::uint64_t kDefaultMaxInputBytes = 64ull << 20;
 
-/// Writes `data` to the file, or to standard output when `path` is empty or "-". Throws
-/// Failure when it cannot be written.
+/// Reads the whole file, or standard input when `path` is empty or "-", refusing it as soon as it
+/// grows past `maxBytes`. Throws Failure with a line that names the file when it cannot be read
+/// or is too large.
+Data readInput(const std::string& path,
+               std::uint64_t maxBytes = std::numeric_limits<std::uint64_t>::max());
+
+/// Reads the file, or standard input when `path` is empty or "-", 64 KiB at a time, handing each
+/// piece to `chunk`: digests and compression run in constant memory whatever the input's size.
+/// Throws Failure with a line that names the file when it cannot be read.
+void readInputChunks(const std::string& path,
+                     const std::function<void(const std::uint8_t*, std::size_t)>& chunk);
+
+/// Runs `produce` with a sink that writes to the file, or to standard output when `path` is
+/// empty or "-". A file is replaced whole once `produce` returns, or not at all when it throws.
+void writeOutputChunks(
+    const std::string& path,
+    const std::function<void(const std::function<void(const std::uint8_t*, std::size_t)>&)>&
+        produce);
+
+/// Writes `data` to the file, or to standard output when `path` is empty or "-". A file is
+/// replaced whole or not at all (see OutputFile). Throws Failure when it cannot be written.
 void writeOutput(const std::string& path, const Data& data);
 
 }  // namespace lmkit::tool

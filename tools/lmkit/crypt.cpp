@@ -20,7 +20,7 @@ struct CryptOptions {
 Data inputText(const CryptOptions& options) {
     if (options.text)
         return bytes::toData(*options.text);
-    Data data = readInput("");
+    Data data = readInput("", kDefaultMaxInputBytes);
     // Text read from a pipe or a terminal ends with the line break that closed it.
     if (!data.empty() && data.back() == '\n')
         data.pop_back();

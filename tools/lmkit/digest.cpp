@@ -1,6 +1,5 @@
 // lmkit digest: MD5, SHA-1, SHA-256 or SHA-512 digest (or HMAC) of a file or standard input.
 #include <cstdio>
-#include <map>
 #include <optional>
 
 #include <nlohmann/json.hpp>
@@ -8,24 +7,10 @@
 #include "Command.hpp"
 #include "DataFiles.hpp"
 #include "lmkit/foundation/DataDigest.hpp"
+#include "lmkit/foundation/DigestStream.hpp"
 
 namespace lmkit::tool {
 namespace {
-
-struct Algorithm {
-    Data (*digest)(const Data&);
-    std::uint32_t hmacCode;
-};
-
-const std::map<std::string, Algorithm>& algorithms() {
-    static const std::map<std::string, Algorithm> table = {
-        {"md5", {digest::md5Data, digest::kHmacMD5}},
-        {"sha1", {digest::sha1Data, digest::kHmacSHA1}},
-        {"sha256", {digest::sha256Data, digest::kHmacSHA256}},
-        {"sha512", {digest::sha512Data, digest::kHmacSHA512}},
-    };
-    return table;
-}
 
 struct DigestOptions {
     std::string algorithm;
@@ -44,17 +29,19 @@ Command digestCommand(
         app.add_option("--hmac-key", options->hmacKey, "Compute the HMAC with this key text");
         app.add_flag("--json", common.json, "Print data as JSON");
         return [options, &common]() -> int {
-            const Algorithm& algorithm = algorithms().at(options->algorithm);
-            const Data input = readInput(options->input);
-            std::optional<Data> result;
+            // Fed a piece at a time: a file of any size digests in constant memory.
+            std::optional<Data> key;
             if (options->hmacKey)
-                result = digest::hmacDataUsingAlg(input, algorithm.hmacCode,
-                                                  bytes::toData(*options->hmacKey));
-            else
-                result = algorithm.digest(input);
-            if (!result)
-                throw Failure("cannot compute the " + options->algorithm + " HMAC");
-            const std::string hex = digest::hexString(*result);
+                key = bytes::toData(*options->hmacKey);
+            auto stream = digest::DigestStream::make(options->algorithm, key);
+            if (!stream)
+                throw Failure("cannot compute the " + options->algorithm +
+                              (key ? " HMAC" : " digest"));
+            readInputChunks(options->input, [&](const std::uint8_t* data, std::size_t size) {
+                stream->update(data, size);
+            });
+            const Data result = stream->finish();
+            const std::string hex = digest::hexString(result);
             if (common.json) {
                 nlohmann::ordered_json out;
                 out["algorithm"] = options->algorithm;

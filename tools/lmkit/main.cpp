@@ -1,6 +1,8 @@
 // lmkit: the command-line face of the kit. Each subcommand lives in its own file and registers
 // itself with the registry; this file parses, dispatches and turns failures into one line.
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <map>
 
@@ -18,6 +20,24 @@ std::vector<Registered>& registry() {
 Command::Command(std::string name, std::string description, Setup setup) {
     registry().push_back({std::move(name), std::move(description), std::move(setup)});
 }
+
+namespace {
+
+// Output that did not reach its destination (a full disk, a closed pipe, /dev/full) is a
+// failure like any other: every subcommand's output ends here, so one check serves them all.
+// Empty when everything written so far arrived.
+std::string standardOutputFailure() {
+    errno = 0;
+    std::cout.flush();
+    const bool flushed = std::fflush(stdout) == 0;
+    const int error = errno;
+    if (flushed && !std::ferror(stdout) && !std::cout.fail())
+        return {};
+    return std::string("cannot write standard output") +
+           (error != 0 ? std::string(": ") + std::strerror(error) : std::string());
+}
+
+}  // namespace
 
 }  // namespace lmkit::tool
 
@@ -38,8 +58,14 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0)
-            return app.exit(error);  // --help, --version
+        if (error.get_exit_code() == 0) {  // --help, --version
+            const int status = app.exit(error);
+            const std::string lost = standardOutputFailure();
+            if (lost.empty())
+                return status;
+            std::fprintf(stderr, "lmkit: %s\n", lost.c_str());
+            return 1;
+        }
         std::fprintf(stderr, "lmkit: %s\n", error.what());
         return 1;
     }
@@ -47,13 +73,22 @@ int main(int argc, char** argv) {
     for (auto& [sub, action] : actions) {
         if (!sub->parsed())
             continue;
+        int status = 1;
+        std::string failure;
         try {
-            return action();
-        } catch (const Failure& failure) {
-            std::fprintf(stderr, "lmkit %s: %s\n", sub->get_name().c_str(), failure.what());
+            status = action();
+        } catch (const Failure& error) {
+            failure = error.what();
         } catch (const std::exception& error) {
-            std::fprintf(stderr, "lmkit %s: %s\n", sub->get_name().c_str(), error.what());
+            failure = error.what();
         }
+        // A failure already said is the one line; otherwise a lost write becomes it.
+        const std::string lost = standardOutputFailure();
+        if (failure.empty() && !lost.empty())
+            failure = lost;
+        if (failure.empty())
+            return status;
+        std::fprintf(stderr, "lmkit %s: %s\n", sub->get_name().c_str(), failure.c_str());
         return 1;
     }
     return 1;
