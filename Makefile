@@ -2,6 +2,8 @@
 #   make demo   installs what the build needs, builds, and runs the loopback demo
 #   make test   installs what the build needs, builds, and runs the tests
 JOBS ?= $(shell nproc)
+# Seconds each fuzz target runs under libFuzzer in `make fuzz`.
+FUZZ_SECONDS ?= 60
 
 .PHONY: setup release demo test asan tsan bench fuzz consumer format clean
 
@@ -12,7 +14,10 @@ release: setup
 	@cmake --preset release >/dev/null
 	@cmake --build --preset release -j $(JOBS)
 
-demo: release
+# The demo needs the tool only: a fresh machine need not compile the tests to see it run.
+demo: setup
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release -j $(JOBS) --target lmkit_tool
 	@./build/release/tools/lmkit/lmkit demo
 
 test: release
@@ -36,6 +41,7 @@ bench: setup
 fuzz: setup
 	@cmake --preset fuzz >/dev/null
 	@cmake --build --preset fuzz -j $(JOBS)
+	@./fuzz/run build/fuzz $(FUZZ_SECONDS)
 
 consumer: release
 	@./tests/consumer/run build/release

@@ -1,13 +1,25 @@
-// Untrusted service documents: every top-level record decodes arbitrary JSON without crashing,
-// and a record that decoded encodes and decodes again.
+// Untrusted service documents: every record the service delivers on its own decodes arbitrary
+// JSON without crashing, and a record that decoded encodes and decodes again.
 #include <cstdint>
 #include <cstdlib>
 
 #include "lmkit/models/APIResponses.hpp"
 #include "lmkit/models/AccAPIResponseObject.hpp"
+#include "lmkit/models/AccConfig.hpp"
+#include "lmkit/models/AccMultipathConfig.hpp"
+#include "lmkit/models/AccRoute.hpp"
+#include "lmkit/models/AutoRegionLockConfig.hpp"
+#include "lmkit/models/BanListItem.hpp"
 #include "lmkit/models/ConfigAPIResponseObject.hpp"
+#include "lmkit/models/GRPConfig.hpp"
 #include "lmkit/models/Game.hpp"
+#include "lmkit/models/HostsConfig.hpp"
+#include "lmkit/models/NetspeedTask.hpp"
+#include "lmkit/models/QosConfig.hpp"
+#include "lmkit/models/RouteDomain.hpp"
+#include "lmkit/models/SocksInfo.hpp"
 #include "lmkit/models/StartupConfig.hpp"
+#include "lmkit/models/UnstableNetworkConfig.hpp"
 
 namespace {
 
@@ -35,5 +47,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     roundTrip<lmkit::GameSearchAPIResponse>(json);
     roundTrip<lmkit::AppVersionModel>(json);
     roundTrip<lmkit::NoticeAPIResponseObject>(json);
+    roundTrip<lmkit::TopSearchAPIResponse>(json);
+    roundTrip<lmkit::GameBoostListAPIResponse>(json);
+    roundTrip<lmkit::AccConfig>(json);
+    roundTrip<lmkit::AccMultipathConfig>(json);
+    roundTrip<lmkit::BanListItem>(json);
+    roundTrip<lmkit::RouteDomain>(json);
+    roundTrip<lmkit::HostsConfig>(json);
+    roundTrip<lmkit::SocksInfo>(json);
+    roundTrip<lmkit::QosConfig>(json);
+    roundTrip<lmkit::AccRoute>(json);
+    roundTrip<lmkit::UnstableNetworkConfig>(json);
+    roundTrip<lmkit::AutoRegionLockConfig>(json);
+    roundTrip<lmkit::NetspeedTask>(json);
+    roundTrip<lmkit::GRPConfig>(json);
     return 0;
 }
