@@ -33,8 +33,7 @@ struct Result {
 
 class Counter : public UdpSocketDelegate {
   public:
-    void udpSocketDidReceiveData(UdpSocket&, const std::vector<uint8_t>&,
-                                 const SocketAddress&) override {
+    void udpSocketDidReceiveData(UdpSocket&, const Datagram&) override {
         ++received;
         last = Clock::now();
     }
