@@ -38,7 +38,7 @@
 #include "BenchTable.hpp"
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/nodes/NodeSelector.hpp"
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 
 using namespace lmkit;
 using Steady = std::chrono::steady_clock;

@@ -26,8 +26,8 @@
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/nodes/ProxySpeedTest.hpp"
 #include "lmkit/nodes/SimplePinger.hpp"
-#include "lmkit/platform/EchoServer.hpp"
-#include "lmkit/platform/Socks5Relay.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
+#include "lmkit/testbed/Socks5Relay.hpp"
 
 using namespace lmkit;
 

@@ -14,7 +14,7 @@
 
 #include "lmkit/nodes/OperationQueue.hpp"
 #include "lmkit/nodes/QosSpeedTestOperation.hpp"
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 
 using namespace lmkit;
 using SteadyClock = std::chrono::steady_clock;

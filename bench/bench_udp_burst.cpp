@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <thread>
 
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 #include "lmkit/platform/UdpSocket.hpp"
 
 using namespace lmkit;

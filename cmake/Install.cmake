@@ -1,8 +1,10 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-install(DIRECTORY include/lmkit DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(TARGETS lmkit ${LMKIT_AREA_TARGETS} EXPORT lmkitTargets
+install(DIRECTORY include/lmkit testbed/include/lmkit DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# The test servers go with the library (as lmkit::testbed, not part of lmkit::lmkit), so that the
+# benchmarks also build against an installed kit.
+install(TARGETS lmkit ${LMKIT_AREA_TARGETS} lmkit_testbed EXPORT lmkitTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 if(TARGET lmkit_tool)

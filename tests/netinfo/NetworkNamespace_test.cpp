@@ -10,7 +10,7 @@
 
 #include "lmkit/netinfo/NetworkInfoProvider.hpp"
 #include "lmkit/netinfo/VPNNetworkStatusMonitor.hpp"
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 #include "lmkit/platform/NetworkChangeWatcher.hpp"
 #include "lmkit/platform/NotificationCenter.hpp"
 #include "lmkit/platform/UdpSocket.hpp"

@@ -10,7 +10,7 @@
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/foundation/UserDefaults.hpp"
 #include "lmkit/models/StartupConfig.hpp"
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 #include "lmkit/settings/RecordArchiving.hpp"
 #include "support/TestSupport.hpp"
 

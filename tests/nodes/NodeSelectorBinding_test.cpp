@@ -16,7 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "lmkit/nodes/NodeSelector.hpp"
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 #include "support/TestSupport.hpp"
 
 using namespace lmkit;

@@ -16,7 +16,7 @@
 #include <thread>
 
 #include "lmkit/nodes/NodeSelector.hpp"
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 #include "support/TestSupport.hpp"
 
 using namespace lmkit;

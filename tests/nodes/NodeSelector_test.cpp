@@ -9,7 +9,7 @@
 #include "lmkit/netinfo/VPNNetworkStatusMonitor.hpp"
 #include "lmkit/nodes/NodeSelector.hpp"
 #include "lmkit/platform/Clock.hpp"
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 #include "support/TestSupport.hpp"
 
 using namespace lmkit;

@@ -9,9 +9,9 @@
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/nodes/ProxySpeedTest.hpp"
 #include "lmkit/platform/Clock.hpp"
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 #include "lmkit/platform/Localized.hpp"
-#include "lmkit/platform/Socks5Relay.hpp"
+#include "lmkit/testbed/Socks5Relay.hpp"
 #include "nodes/ScriptedPeer.hpp"
 #include "support/TestSupport.hpp"
 

@@ -10,7 +10,7 @@
 #include "lmkit/netinfo/VPNNetworkStatusMonitor.hpp"
 #include "lmkit/nodes/SimplePinger.hpp"
 #include "lmkit/platform/Clock.hpp"
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 #include "nodes/ScriptedPeer.hpp"
 #include "support/TestSupport.hpp"
 

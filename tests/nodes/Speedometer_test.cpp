@@ -8,7 +8,7 @@
 #include <mutex>
 
 #include "lmkit/nodes/NKSpeedometer.hpp"
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 #include "support/TestSupport.hpp"
 
 using namespace lmkit;

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "lmkit/platform/EchoServer.hpp"
-#include "lmkit/platform/Socks5Relay.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
+#include "lmkit/testbed/Socks5Relay.hpp"
 #include "support/TestSupport.hpp"
 
 using namespace lmkit;

@@ -11,7 +11,7 @@
 
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/netinfo/NetworkInfoProvider.hpp"
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 #include "support/TestSupport.hpp"
 
 namespace lmkit {

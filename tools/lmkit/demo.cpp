@@ -11,7 +11,7 @@
 #include "DemoTunnel.hpp"
 #include "NodeRun.hpp"
 #include "lmkit/models/AccAPIResponseObject.hpp"
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 #include "lmkit/tunnel/VPNStartOptionsBuilder.hpp"
 #include "lmkit/tunnel/VPNStartOptionsTransport.hpp"
 

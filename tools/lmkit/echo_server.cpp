@@ -1,4 +1,6 @@
 // lmkit echo-server: UDP echo endpoints (with optional faults) for demos, tests and benchmarks.
+#include <netinet/in.h>
+
 #include <csignal>
 #include <cstdio>
 #include <thread>
@@ -6,7 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Command.hpp"
-#include "lmkit/platform/EchoServer.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 
 namespace lmkit::tool {
 namespace {
@@ -81,8 +83,12 @@ Command echoServer(
                 }
                 std::printf("%s\n", nlohmann::ordered_json{{"endpoints", list}}.dump().c_str());
             } else {
+                // Printed once every socket is bound and the server waits for datagrams: a script
+                // that waits for these lines can send at once.
                 for (const auto& endpoint : server->endpoints()) {
-                    std::printf("echo %s port %u\n", endpoint.host.c_str(), endpoint.port);
+                    const bool v6 = endpoint.family == AF_INET6;
+                    std::printf("listening %s%s%s:%u\n", v6 ? "[" : "", endpoint.host.c_str(),
+                                v6 ? "]" : "", endpoint.port);
                 }
             }
             std::fflush(stdout);

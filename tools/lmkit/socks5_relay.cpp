@@ -7,7 +7,8 @@
 #include <nlohmann/json.hpp>
 
 #include "Command.hpp"
-#include "lmkit/platform/Socks5Relay.hpp"
+#include "lmkit/foundation/Log.hpp"
+#include "lmkit/testbed/Socks5Relay.hpp"
 
 namespace lmkit::tool {
 namespace {
@@ -24,6 +25,8 @@ struct RelayOptions {
     std::uint32_t token = 0;
     double delay = 0;
     double loss = 0;
+    double idleTimeout = Socks5RelayConfig::kDefaultIdleTimeoutSeconds;
+    std::size_t maxClients = Socks5RelayConfig::kDefaultMaxAssociations;
     std::uint64_t seed = 1;
     double duration = 0;
 };
@@ -42,6 +45,13 @@ Command socks5Relay(
             ->check(CLI::NonNegativeNumber);
         app.add_option("--loss", options->loss, "Probability of dropping a request")
             ->check(CLI::Range(0.0, 1.0));
+        app.add_option("--idle-timeout", options->idleTimeout,
+                       "Seconds after which a silent client's upstream socket is closed")
+            ->check(CLI::Range(0.001, 86400.0));
+        app.add_option("--max-clients", options->maxClients,
+                       "Clients served at once; a new one beyond it replaces the least recently "
+                       "used")
+            ->check(CLI::Range(1, 65536));
         app.add_option("--seed", options->seed, "Seed of the loss draws");
         app.add_option("--duration", options->duration, "Stop after this many seconds (0: never)")
             ->check(CLI::NonNegativeNumber);
@@ -52,6 +62,10 @@ Command socks5Relay(
             config.token = options->token;
             config.faults.delaySeconds = options->delay / 1000;
             config.faults.loss = options->loss;
+            config.idleTimeoutSeconds = options->idleTimeout;
+            config.maxAssociations = options->maxClients;
+            // Closed and evicted associations are worth seeing where the relay runs.
+            log::setStderrLevel(log::kError | log::kWarning | log::kInfo);
             Error error;
             auto relay = Socks5Relay::start(config, options->seed, &error);
             if (!relay)
@@ -63,7 +77,9 @@ Command socks5Relay(
                                 .dump()
                                 .c_str());
             } else {
-                std::printf("socks5 relay %s port %u\n", endpoint.host.c_str(), endpoint.port);
+                // Printed once the relay waits for requests.
+                std::printf("listening %s:%u (socks5 relay)\n", endpoint.host.c_str(),
+                            endpoint.port);
             }
             std::fflush(stdout);
             std::signal(SIGINT, onSignal);

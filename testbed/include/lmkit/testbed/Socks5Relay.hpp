@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -26,6 +27,15 @@ struct Socks5RelayConfig {
     std::uint16_t port = 0;  // 0: any free port
     std::uint32_t token = 0;
     Socks5RelayFaults faults;
+    /// A client's association (its upstream socket) is closed after this long without a request
+    /// or a reply: clients come and go, and each holds a descriptor.
+    double idleTimeoutSeconds = kDefaultIdleTimeoutSeconds;
+    /// At most this many associations at once; a new client beyond it takes the socket of the
+    /// one that was used least recently.
+    std::size_t maxAssociations = kDefaultMaxAssociations;
+
+    static constexpr double kDefaultIdleTimeoutSeconds = 60;
+    static constexpr std::size_t kDefaultMaxAssociations = 256;
 };
 
 /// A SOCKS5-style UDP relay for tests, demos and benchmarks, as the kit's proxies speak it.
@@ -35,7 +45,10 @@ struct Socks5RelayConfig {
 /// another FRAG or ATYP, or a short header are rejected. The payload goes to the target from a
 /// socket of the client's own; whatever comes back there is returned to the client behind a
 /// 14-byte reply header (two zero bytes, FRAG 0, ATYP 1, the replying address and port, the
-/// token). Runs on a thread of its own, like EchoServer.
+/// token). Runs on a thread of its own, like EchoServer, and forwards a delayed request at its
+/// own deadline. Associations that fall idle are closed and, at the cap, the least recently used
+/// one makes room; both are logged ("[Socks5Relay] ..."), and a client that comes back simply
+/// gets a new one.
 class Socks5Relay {
   public:
     /// Opens the relay and starts relaying; nullptr and `error` when it cannot listen.
@@ -56,6 +69,10 @@ class Socks5Relay {
     std::uint64_t requestsRejected() const;
     std::uint64_t requestsForwarded() const;
     std::uint64_t repliesRelayed() const;
+    /// Client associations open now, and closed so far for idleness or to make room.
+    std::size_t associationCount() const;
+    std::uint64_t associationsExpired() const;
+    std::uint64_t associationsEvicted() const;
 
     struct Impl;
 

@@ -1,23 +1,23 @@
-#include "lmkit/platform/EchoServer.hpp"
-#include "platform/SocketAddress.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <charconv>
 #include <chrono>
 #include <cstring>
-#include <queue>
 #include <random>
-#include <system_error>
-#include <thread>
+
+#include "ServerLoop.hpp"
+#include "Sockets.hpp"
 
 namespace lmkit {
+
+using testbed::ServerLoop;
 
 namespace {
 
@@ -28,43 +28,8 @@ constexpr size_t kMaxPayload = 65536;
 // Each endpoint may face a burst of thousands of probes at once.
 constexpr int kBufferBytes = 4 * 1024 * 1024;
 
-using Clock = std::chrono::steady_clock;
-
 Error failure(const std::string& text) {
     return Error::withDescription(kErrorDomain, 1, text);
-}
-
-using detail::makeAddress;
-
-uint16_t boundPort(int fd) {
-    sockaddr_storage bound{};
-    socklen_t length = sizeof bound;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &length);
-    if (bound.ss_family == AF_INET6) {
-        return ntohs(reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port);
-    }
-    return ntohs(reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
-}
-
-int openBound(const sockaddr_storage& address, socklen_t length, std::string* reason) {
-    int fd = ::socket(address.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        *reason = std::system_category().message(errno);
-        return -1;
-    }
-    int size = kBufferBytes;
-    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0) {
-        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    }
-    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) != 0) {
-        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-    }
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0) {
-        *reason = std::system_category().message(errno);
-        ::close(fd);
-        return -1;
-    }
-    return fd;
 }
 
 bool parseNumber(std::string_view text, double& value) {
@@ -78,7 +43,8 @@ struct EchoServer::Impl {
     struct Endpoint {
         EchoEndpointConfig config;
         int fd = -1;
-        int otherFd = -1;  // the "other port" for replies from elsewhere
+        int otherFd = -1;   // the "other port" for replies from elsewhere
+        bool plain = true;  // no fault at all: a batch is answered with one system call
         std::mt19937_64 random;
         struct Held {
             sockaddr_storage to;
@@ -87,40 +53,27 @@ struct EchoServer::Impl {
         };
         std::optional<Held> held;  // reorder: the reply waiting for its successor
     };
-    struct Scheduled {
-        Clock::time_point due;
-        uint64_t sequence;
-        size_t endpoint;
-        sockaddr_storage to;
-        socklen_t length;
-        std::vector<uint8_t> payload;
-        bool operator>(const Scheduled& other) const {
-            return due != other.due ? due > other.due : sequence > other.sequence;
-        }
-    };
 
-    std::vector<Endpoint> endpoints;  // fixed after start; the fields change on the thread only
-    int epollFd = -1;
-    int wakeFd = -1;
-    std::thread thread;
+    std::unique_ptr<ServerLoop> loop;
+    std::vector<Endpoint> endpoints;  // fixed after start; the fields change on the loop only
     std::atomic<bool> stopped{false};
     std::atomic<uint64_t> received{0};
     std::atomic<uint64_t> sent{0};
-    std::priority_queue<Scheduled, std::vector<Scheduled>, std::greater<>> schedule;
-    uint64_t sequence = 0;
-    std::vector<uint8_t> buffer;  // the thread's receive slots, kBatch of kMaxPayload
+    // The loop's receive slots, allocated and touched before the first datagram comes, so that
+    // the first reply of a fresh server is not late by the page faults of 4 MiB.
+    std::vector<uint8_t> buffer = std::vector<uint8_t>(kBatch * kMaxPayload);
+    std::array<mmsghdr, kBatch> messages{};
+    std::array<iovec, kBatch> vectors{};
+    std::array<sockaddr_storage, kBatch> sources{};
 
     ~Impl() {
+        loop.reset();  // the thread first: it uses the descriptors
         for (auto& endpoint : endpoints) {
             if (endpoint.fd >= 0)
                 ::close(endpoint.fd);
             if (endpoint.otherFd >= 0)
                 ::close(endpoint.otherFd);
         }
-        if (epollFd >= 0)
-            ::close(epollFd);
-        if (wakeFd >= 0)
-            ::close(wakeFd);
     }
 
     void transmit(Endpoint& endpoint, const sockaddr_storage& to, socklen_t length,
@@ -158,8 +111,9 @@ struct EchoServer::Impl {
             transmit(endpoint, to, length, payload);
     }
 
+    /// Takes one request: the delay is measured from here, the moment it was read.
     void handle(size_t index, const sockaddr_storage& from, socklen_t length,
-                std::vector<uint8_t> payload) {
+                std::vector<uint8_t> payload, ServerLoop::Clock::time_point arrived) {
         ++received;
         auto& endpoint = endpoints[index];
         const auto& faults = endpoint.config.faults;
@@ -180,17 +134,15 @@ struct EchoServer::Impl {
             reply(endpoint, from, length, std::move(payload));
             return;
         }
-        auto due = Clock::now() +
-                   std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(wait));
-        schedule.push({due, sequence++, index, from, length, std::move(payload)});
+        auto due = arrived + std::chrono::duration_cast<ServerLoop::Clock::duration>(
+                                 std::chrono::duration<double>(wait));
+        loop->at(due, [this, index, from, length, payload = std::move(payload)]() mutable {
+            reply(endpoints[index], from, length, std::move(payload));
+        });
     }
 
     void receiveFrom(size_t index) {
-        if (buffer.empty())
-            buffer.resize(kBatch * kMaxPayload);
-        std::array<mmsghdr, kBatch> messages{};
-        std::array<iovec, kBatch> vectors{};
-        std::array<sockaddr_storage, kBatch> sources{};
+        auto& endpoint = endpoints[index];
         for (;;) {
             for (unsigned i = 0; i < kBatch; ++i) {
                 vectors[i] = {buffer.data() + i * kMaxPayload, kMaxPayload};
@@ -200,24 +152,19 @@ struct EchoServer::Impl {
                 messages[i].msg_hdr.msg_name = &sources[i];
                 messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_storage);
             }
-            int count =
-                recvmmsg(endpoints[index].fd, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
+            int count = recvmmsg(endpoint.fd, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
             if (count <= 0)
                 return;
-            const auto& faults = endpoints[index].config.faults;
-            bool plain = !faults.garbage && !faults.reorder && !faults.duplicate &&
-                         !faults.otherPort && faults.loss <= 0 && faults.junkFlood == 0 &&
-                         faults.delaySeconds <= 0 && faults.jitterSeconds <= 0 &&
-                         faults.lateSeconds <= 0;
-            if (plain) {
-                // The common case answers the whole batch with one system call: the same
-                // buffers, addressed back to their senders.
+            const auto arrived = ServerLoop::Clock::now();
+            if (endpoint.plain) {
+                // The whole batch goes back with one system call: the same buffers, addressed
+                // back to their senders.
                 for (int i = 0; i < count; ++i)
                     vectors[i].iov_len = messages[i].msg_len;
                 received += count;
                 int done = 0;
                 while (done < count) {
-                    int n = sendmmsg(endpoints[index].fd, messages.data() + done, count - done, 0);
+                    int n = sendmmsg(endpoint.fd, messages.data() + done, count - done, 0);
                     if (n <= 0)
                         break;
                     done += n;
@@ -227,36 +174,11 @@ struct EchoServer::Impl {
                 for (int i = 0; i < count; ++i) {
                     const auto* begin = static_cast<const uint8_t*>(vectors[i].iov_base);
                     handle(index, sources[i], messages[i].msg_hdr.msg_namelen,
-                           std::vector<uint8_t>(begin, begin + messages[i].msg_len));
+                           std::vector<uint8_t>(begin, begin + messages[i].msg_len), arrived);
                 }
             }
             if (count < static_cast<int>(kBatch))
                 return;
-        }
-    }
-
-    void run() {
-        std::array<epoll_event, 64> events{};
-        while (!stopped) {
-            int timeout = -1;
-            if (!schedule.empty()) {
-                auto wait =
-                    std::chrono::ceil<std::chrono::milliseconds>(schedule.top().due - Clock::now());
-                timeout = static_cast<int>(std::max<int64_t>(0, wait.count()));
-            }
-            int count =
-                epoll_wait(epollFd, events.data(), static_cast<int>(events.size()), timeout);
-            for (int i = 0; i < count; ++i) {
-                if (events[i].data.u64 == UINT64_MAX)
-                    continue;  // woken to stop
-                receiveFrom(static_cast<size_t>(events[i].data.u64));
-            }
-            auto now = Clock::now();
-            while (!schedule.empty() && schedule.top().due <= now) {
-                auto item = schedule.top();
-                schedule.pop();
-                reply(endpoints[item.endpoint], item.to, item.length, std::move(item.payload));
-            }
         }
     }
 };
@@ -277,55 +199,50 @@ std::unique_ptr<EchoServer> EchoServer::start(const std::vector<EchoEndpointConf
     if (endpoints.empty())
         return fail("no endpoint to listen on");
     auto impl = std::make_unique<Impl>();
-    impl->epollFd = epoll_create1(EPOLL_CLOEXEC);
-    impl->wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (impl->epollFd < 0 || impl->wakeFd < 0)
-        return fail("cannot create the event loop");
-    epoll_event wake{};
-    wake.events = EPOLLIN;
-    wake.data.u64 = UINT64_MAX;
-    epoll_ctl(impl->epollFd, EPOLL_CTL_ADD, impl->wakeFd, &wake);
+    std::string reason;
+    impl->loop = ServerLoop::create(reason);
+    if (!impl->loop)
+        return fail(reason);
 
     for (size_t i = 0; i < endpoints.size(); ++i) {
         Impl::Endpoint endpoint;
         endpoint.config = endpoints[i];
         endpoint.random.seed(seed + i);
+        const auto& faults = endpoint.config.faults;
+        endpoint.plain = !faults.garbage && !faults.reorder && !faults.duplicate &&
+                         !faults.otherPort && faults.loss <= 0 && faults.junkFlood == 0 &&
+                         faults.delaySeconds <= 0 && faults.jitterSeconds <= 0 &&
+                         faults.lateSeconds <= 0;
         socklen_t length = 0;
-        auto address = makeAddress(endpoint.config.host, endpoint.config.port, length);
+        auto address = testbed::makeAddress(endpoint.config.host, endpoint.config.port, length);
         if (!address)
             return fail("not an IP address: " + endpoint.config.host);
-        std::string reason;
-        endpoint.fd = openBound(*address, length, &reason);
         std::string where = endpoint.config.host + ":" + std::to_string(endpoint.config.port);
+        endpoint.fd = testbed::openBound(*address, length, kBufferBytes, reason);
         if (endpoint.fd < 0)
             return fail("cannot listen on " + where + ": " + reason);
-        endpoint.config.port = boundPort(endpoint.fd);
-        if (endpoint.config.faults.otherPort) {
-            auto other = makeAddress(endpoint.config.host, 0, length);
-            endpoint.otherFd = openBound(*other, length, &reason);
+        endpoint.config.port = testbed::boundPort(endpoint.fd);
+        if (faults.otherPort) {
+            auto other = testbed::makeAddress(endpoint.config.host, 0, length);
+            endpoint.otherFd = testbed::openBound(*other, length, kBufferBytes, reason);
             if (endpoint.otherFd < 0) {
                 ::close(endpoint.fd);
                 return fail("cannot open a second port on " + where + ": " + reason);
             }
         }
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.u64 = i;
-        epoll_ctl(impl->epollFd, EPOLL_CTL_ADD, endpoint.fd, &event);
         impl->endpoints.push_back(std::move(endpoint));
+        auto* raw = impl.get();
+        if (!impl->loop->watch(impl->endpoints.back().fd, [raw, i] { raw->receiveFrom(i); }))
+            return fail("cannot watch " + where);
     }
-    auto* raw = impl.get();
-    impl->thread = std::thread([raw] { raw->run(); });
+    impl->loop->start();
     return std::unique_ptr<EchoServer>(new EchoServer(std::move(impl)));
 }
 
 void EchoServer::stop() {
     if (!impl_ || impl_->stopped.exchange(true))
         return;
-    uint64_t one = 1;
-    [[maybe_unused]] auto ignored = ::write(impl_->wakeFd, &one, sizeof one);
-    if (impl_->thread.joinable())
-        impl_->thread.join();
+    impl_->loop->stop();
 }
 
 std::vector<SocketAddress> EchoServer::endpoints() const {
@@ -374,7 +291,7 @@ std::optional<std::vector<EchoEndpointConfig>> EchoServer::parseEndpoints(const 
         ports = rest.substr(colon + 1);
     }
     socklen_t length = 0;
-    if (!makeAddress(host, 0, length))
+    if (!testbed::makeAddress(host, 0, length))
         return fail("not an IP address: " + host);
     double first = 0;
     double last = 0;

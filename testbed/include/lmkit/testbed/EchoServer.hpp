@@ -33,8 +33,12 @@ struct EchoEndpointConfig {
 };
 
 /// A UDP echo service for demos, tests and benchmarks: answers each datagram with its payload,
-/// unchanged, from the address and port that was probed, on many endpoints at once. It runs on
-/// a thread of its own (not the kit's pool) so that it never competes with the code it measures.
+/// unchanged, from the address and port that was probed, on many endpoints at once.
+///
+/// It runs on a thread of its own (not the kit's pool) so that it never competes with the code it
+/// measures. A delayed reply leaves at its own deadline, to within the wake-up of that thread,
+/// whatever else is queued: the injected delay is what a prober measures, not more. Every socket
+/// is bound and the thread waits for datagrams before start() returns.
 class EchoServer {
   public:
     /// Opens every endpoint and starts answering; nullptr and `error` when one cannot be bound.

@@ -1,0 +1,61 @@
+#include "Sockets.hpp"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace lmkit::testbed {
+
+std::optional<sockaddr_storage> makeAddress(const std::string& host, std::uint16_t port,
+                                            socklen_t& length) {
+    sockaddr_storage storage{};
+    auto* in = reinterpret_cast<sockaddr_in*>(&storage);
+    auto* in6 = reinterpret_cast<sockaddr_in6*>(&storage);
+    if (inet_pton(AF_INET, host.c_str(), &in->sin_addr) == 1) {
+        in->sin_family = AF_INET;
+        in->sin_port = htons(port);
+        length = sizeof(sockaddr_in);
+        return storage;
+    }
+    if (inet_pton(AF_INET6, host.c_str(), &in6->sin6_addr) == 1) {
+        in6->sin6_family = AF_INET6;
+        in6->sin6_port = htons(port);
+        length = sizeof(sockaddr_in6);
+        return storage;
+    }
+    return std::nullopt;
+}
+
+int openBound(const sockaddr_storage& address, socklen_t length, int bufferBytes,
+              std::string& reason) {
+    int fd = ::socket(address.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        reason = std::system_category().message(errno);
+        return -1;
+    }
+    for (int option : {SO_RCVBUF, SO_SNDBUF}) {
+        int forced = option == SO_RCVBUF ? SO_RCVBUFFORCE : SO_SNDBUFFORCE;
+        if (setsockopt(fd, SOL_SOCKET, forced, &bufferBytes, sizeof bufferBytes) != 0)
+            setsockopt(fd, SOL_SOCKET, option, &bufferBytes, sizeof bufferBytes);
+    }
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0) {
+        reason = std::system_category().message(errno);
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+std::uint16_t boundPort(int fd) {
+    sockaddr_storage bound{};
+    socklen_t length = sizeof bound;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &length);
+    if (bound.ss_family == AF_INET6)
+        return ntohs(reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port);
+    return ntohs(reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
+}
+
+}  // namespace lmkit::testbed

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include <sys/socket.h>
+
+namespace lmkit::testbed {
+
+/// The socket address of an IPv4 or IPv6 literal and a port, with its length; nil for a name
+/// or anything else that is not a literal. The test servers bind only to literals.
+std::optional<sockaddr_storage> makeAddress(const std::string& host, std::uint16_t port,
+                                            socklen_t& length);
+
+/// A non-blocking UDP socket bound to `address`, with send and receive buffers of `bufferBytes`
+/// (a server faces bursts of thousands of probes); -1 and `reason` when it cannot be had.
+int openBound(const sockaddr_storage& address, socklen_t length, int bufferBytes,
+              std::string& reason);
+
+/// The local port `fd` is bound to.
+std::uint16_t boundPort(int fd);
+
+}  // namespace lmkit::testbed
