@@ -12,8 +12,8 @@
 #include <cstdio>
 #include <thread>
 
-#include "lmkit/testbed/EchoServer.hpp"
 #include "lmkit/platform/UdpSocket.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 
 using namespace lmkit;
 using Clock = std::chrono::steady_clock;

@@ -168,7 +168,10 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
     std::optional<asio::posix::stream_descriptor> descriptor;
     bool receiving = false;
     bool waitQueued = false;  // an async_wait for readability is outstanding
-    std::vector<uint8_t> receiveBuffer;
+    // Room for a batch of the largest datagrams, left uninitialised: the kernel writes only what
+    // arrives, so a socket that gets probe replies of a few bytes keeps a page per slot resident
+    // rather than 2 MiB.
+    std::unique_ptr<uint8_t[]> receiveBuffer;
     std::array<mmsghdr, kReceiveBatch> messages{};
     std::array<iovec, kReceiveBatch> vectors{};
     std::array<sockaddr_storage, kReceiveBatch> sources{};
@@ -341,7 +344,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         if (receiving || !descriptor)
             return;
         receiving = true;
-        receiveBuffer.assign(kReceiveBatch * kMaxDatagramBytes, 0);
+        receiveBuffer.reset(new uint8_t[kReceiveBatch * kMaxDatagramBytes]);
         receiveLoop();
     }
 
@@ -390,7 +393,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         std::vector<Datagram> batch;
         for (int round = 0; round < kBatchesPerWakeup; ++round) {
             for (unsigned i = 0; i < kReceiveBatch; ++i) {
-                vectors[i].iov_base = receiveBuffer.data() + i * kMaxDatagramBytes;
+                vectors[i].iov_base = receiveBuffer.get() + i * kMaxDatagramBytes;
                 vectors[i].iov_len = kMaxDatagramBytes;
                 messages[i].msg_hdr = {};
                 messages[i].msg_hdr.msg_iov = &vectors[i];

@@ -19,6 +19,11 @@ namespace {
 // A timed action is due when its deadline is no further away than this: waking again for a few
 // microseconds would cost more than the error it avoids.
 constexpr auto kDueSlack = std::chrono::microseconds(2);
+// A thread that sleeps for long wakes slowly: an idle processor drops into deeper sleep states
+// and takes a few hundred microseconds to come back. Before a long wait the timer is armed this
+// much early, and the short wait that follows ends on time.
+constexpr auto kLongWait = std::chrono::milliseconds(2);
+constexpr auto kEarlyWake = std::chrono::microseconds(500);
 
 bool later(const auto& a, const auto& b) {
     return a.due != b.due ? a.due > b.due : a.sequence > b.sequence;
@@ -139,6 +144,8 @@ void ServerLoop::runDueActions() {
 
 void ServerLoop::armTimer() {
     auto due = timed_.empty() ? Clock::time_point::max() : timed_.front().due;
+    if (due != Clock::time_point::max() && due - Clock::now() > kLongWait)
+        due -= kEarlyWake;
     if (due == armedFor_)
         return;
     itimerspec spec{};

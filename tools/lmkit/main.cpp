@@ -1,5 +1,7 @@
 // lmkit: the command-line face of the kit. Each subcommand lives in its own file and registers
 // itself with the registry; this file parses, dispatches and turns failures into one line.
+#include <malloc.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -43,6 +45,9 @@ std::string standardOutputFailure() {
 
 int main(int argc, char** argv) {
     using namespace lmkit::tool;
+    // The kit's pool threads allocate replies and records side by side; an arena per thread
+    // would keep several partly used heaps resident for a command that runs for seconds.
+    mallopt(M_ARENA_MAX, 1);
     CLI::App app{
         "lmkit: probe, score and pick relay nodes; measure networks; build tunnel options"};
     app.require_subcommand(1);

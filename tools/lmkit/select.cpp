@@ -1,11 +1,11 @@
 // lmkit select: probe the nodes of a service document and rank them.
-#include <cstdio>
-#include <fstream>
-#include <sstream>
-
+#include <malloc.h>
 #include <unistd.h>
 
+#include <cstdio>
+
 #include "Command.hpp"
+#include "DataFiles.hpp"
 #include "NodeRun.hpp"
 #include "lmkit/models/AccAPIResponseObject.hpp"
 
@@ -27,12 +27,7 @@ struct SelectOptions {
 // from "acc_config" when the document has them.
 void readDocument(const std::string& path, NodeSelector::Nodes& nodes,
                   std::shared_ptr<AccConfig>& config) {
-    std::ifstream in(path);
-    if (!in)
-        throw Failure("cannot read " + path);
-    std::stringstream buffer;
-    buffer << in.rdbuf();
-    auto json = Json::parse(buffer.str(), nullptr, false);
+    auto json = Json::parse(readInput(path, kDefaultMaxInputBytes), nullptr, false);
     if (json.is_discarded())
         throw Failure(path + ": not a JSON document");
     Error error;
@@ -85,6 +80,9 @@ Command select("select", "Probe the nodes of a service document and rank them",
                        NodeSelector::Nodes nodes;
                        std::shared_ptr<AccConfig> config;
                        readDocument(options->file, nodes, config);
+                       // The document's text and tree are gone; their pages need not stay
+                       // resident for the seconds the probing takes.
+                       malloc_trim(0);
                        NodeRunOptions run;
                        run.mode = options->mode == "best"        ? NodeSelector::kModeBestNode
                                   : options->mode == "multipath" ? NodeSelector::kModeTestMultipath
