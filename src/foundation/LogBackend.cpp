@@ -1,5 +1,7 @@
 #include "foundation/LogBackend.hpp"
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -79,6 +81,12 @@ const LogFormatter& formatter() {
     return shared;
 }
 
+// Log lines can carry addresses and tokens: the files are the user's alone, whatever the umask
+// (the tunnel's stream lives in the container the app shares with its tunnel).
+void keepPrivate(const fs::path& path) {
+    ::chmod(path.c_str(), S_IRUSR | S_IWUSR);
+}
+
 void appendToFile(Stream stream, const std::string& line) {
     LogFileManager& manager = managerFor(stream);
     // Today's name, in the folder as it is now: a new day or a moved folder starts a new file.
@@ -100,6 +108,7 @@ void appendToFile(Stream stream, const std::string& line) {
             target.sink->set_pattern("%v");
             target.path = path;
             target.size = fs::file_size(path, ec);
+            keepPrivate(path);
             manager.deleteOldLogFiles(path);
         }
         const std::size_t bytes = line.size() + 1;
@@ -108,8 +117,10 @@ void appendToFile(Stream stream, const std::string& line) {
         target.sink->log(message);
         target.sink->flush();
         target.size = rolls ? bytes : target.size + bytes;
-        if (rolls)
+        if (rolls) {
+            keepPrivate(path);  // the sink opened a fresh file under the day's name
             manager.deleteOldLogFiles(path);
+        }
     } catch (const std::exception&) {
         target.close();  // unwritable folder or full disk: the line is lost, the caller is not
     }

@@ -19,6 +19,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "lmkit/platform/AppGroup.hpp"
 #include "platform/WormholeFileName.hpp"
 #include "platform/WormholeMessageFile.hpp"
 #include "platform/WormholeSequence.hpp"
@@ -86,6 +87,7 @@ struct Wormhole::State : std::enable_shared_from_this<Wormhole::State> {
     std::unordered_map<std::string, std::shared_ptr<Listener>> listeners;  // listenersMutex
 
     DiagnosticHandler diagnostics;  // listenersMutex
+    MessageCheck messageCheck;      // listenersMutex
 
     // Writers of this process take their sequence and replace their previous file one at a time.
     std::mutex writeMutex;
@@ -122,10 +124,21 @@ struct Wormhole::State : std::enable_shared_from_this<Wormhole::State> {
         }
     }
 
-    // Reads a message file; one that is there but cannot be a message is moved aside so that
-    // neither this reader nor any other stumbles over it again.
+    // Reads a message file; one that is there but cannot be a message (not a regular file, too
+    // large, a sequence no writer of the directory can have taken, contents the carrier's check
+    // refuses) is moved aside so that neither this reader nor any other stumbles over it again.
     wormhole_detail::MessageRead read(const std::string& name) {
         auto result = wormhole_detail::readMessageFile(directoryFd, name);
+        if (result.outcome == wormhole_detail::MessageRead::Outcome::Read) {
+            auto parsed = wormhole_detail::parseMessageFileName(name);
+            if (parsed && counter && !counter->plausible(parsed->sequence)) {
+                result.outcome = wormhole_detail::MessageRead::Outcome::Unreadable;
+                result.reason = "its sequence lies beyond every writer's";
+            } else if (!accepts(result.bytes)) {
+                result.outcome = wormhole_detail::MessageRead::Outcome::Unreadable;
+                result.reason = "its contents are not a message";
+            }
+        }
         if (result.outcome == wormhole_detail::MessageRead::Outcome::Unreadable) {
             int error = wormhole_detail::quarantine(directoryFd, name);
             if (error == 0)
@@ -151,9 +164,30 @@ struct Wormhole::State : std::enable_shared_from_this<Wormhole::State> {
             read(name);
     }
 
+    bool accepts(const Bytes& message) {
+        MessageCheck check;
+        {
+            std::lock_guard lock(listenersMutex);
+            check = messageCheck;
+        }
+        try {
+            return !check || check(message);
+        } catch (...) {
+            return false;
+        }
+    }
+
     bool isDelivered(const std::string& identifier, const wormhole_detail::MessageOrder& order) {
         auto last = delivered.find(identifier);
-        return last != delivered.end() && !(last->second < order);
+        if (last == delivered.end())
+            return false;
+        // A stray delivered before the directory's counter showed it to be one must not hide
+        // every real message after it.
+        if (counter && !counter->plausible(last->second.first)) {
+            delivered.erase(last);
+            return false;
+        }
+        return !(last->second < order);
     }
 
     void enqueue(const std::string& identifier, const wormhole_detail::MessageOrder& order,
@@ -302,8 +336,8 @@ Wormhole::Wormhole(std::filesystem::path containerDirectory, const std::string& 
                   static_cast<void*>(state_.get()));
     state_->queue = DispatchQueue::serial(label);
 
-    std::error_code ignored;
-    std::filesystem::create_directories(state_->directory, ignored);
+    // Inside the shared container, private like every directory made there.
+    AppGroup::makePrivateDirectory(state_->directory);
     state_->directoryFd = ::open(state_->directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     state_->inotifyFd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     state_->stopFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
@@ -352,9 +386,10 @@ bool Wormhole::passMessageData(const std::string& identifier, const Bytes& messa
     std::string temporary =
         "." + std::to_string(::getpid()) + "." + std::to_string(++s.temporaryCounter) + ".tmp";
     int fd = ::openat(s.directoryFd, temporary.c_str(),
-                      O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
+                      O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, AppGroup::kFileMode);
     if (fd < 0)
         return false;
+    ::fchmod(fd, AppGroup::kFileMode);  // whatever the umask: messages carry the user's data
     bool written = writeAll(fd, message);
     written = (::close(fd) == 0) && written;
     std::string placed;
@@ -422,6 +457,11 @@ void Wormhole::listenForMessageWithIdentifier(const std::string& identifier, Lis
 void Wormhole::setDiagnosticHandler(DiagnosticHandler handler) {
     std::lock_guard lock(state_->listenersMutex);
     state_->diagnostics = std::move(handler);
+}
+
+void Wormhole::setMessageCheck(MessageCheck check) {
+    std::lock_guard lock(state_->listenersMutex);
+    state_->messageCheck = std::move(check);
 }
 
 void Wormhole::stopListeningForMessageWithIdentifier(const std::string& identifier) {

@@ -11,6 +11,7 @@
 #include <charconv>
 #include <cstdio>
 
+#include "lmkit/platform/AppGroup.hpp"
 #include "platform/WormholeFileName.hpp"
 
 namespace lmkit::wormhole_detail {
@@ -61,12 +62,14 @@ SequenceCounter::SequenceCounter(int directoryFd) : directoryFd_(directoryFd) {
     if (directoryFd_ < 0)
         return;
     fd_ = ::openat(directoryFd_, kSequenceFileName,
-                   O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
+                   O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, AppGroup::kFileMode);
     struct stat info {};
     if (fd_ >= 0 && (::fstat(fd_, &info) != 0 || !S_ISREG(info.st_mode))) {
         ::close(fd_);
         fd_ = -1;
     }
+    if (fd_ >= 0 && info.st_uid == ::geteuid())
+        ::fchmod(fd_, AppGroup::kFileMode);
 }
 
 SequenceCounter::~SequenceCounter() {
@@ -77,7 +80,16 @@ SequenceCounter::~SequenceCounter() {
 bool SequenceCounter::advance(const std::function<bool(std::uint64_t)>& publish) {
     if (fd_ < 0 || lockFile(fd_, LOCK_EX) != 0)
         return false;
-    std::uint64_t last = std::max(readStored(fd_), highestSequenceIn(directoryFd_));
+    const std::uint64_t stored = readStored(fd_);
+    auto ceiling = [](std::uint64_t base) {
+        return base < kMaxSequence - kLargestJump ? base + kLargestJump : kMaxSequence;
+    };
+    std::uint64_t last =
+        std::max(stored, highestSequenceIn(directoryFd_, stored ? ceiling(stored) : kMaxSequence));
+    // Without a stored counter the files decide; when strays at the end of the sequence space
+    // leave no room, the plausible ones do.
+    if (last >= kMaxSequence)
+        last = std::max(stored, highestSequenceIn(directoryFd_, ceiling(stored)));
     bool done = false;
     if (last < kMaxSequence) {
         std::uint64_t sequence = last + 1;
@@ -87,7 +99,14 @@ bool SequenceCounter::advance(const std::function<bool(std::uint64_t)>& publish)
     return done;
 }
 
-std::uint64_t highestSequenceIn(int directoryFd) {
+bool SequenceCounter::plausible(std::uint64_t sequence) const {
+    if (fd_ < 0)
+        return true;
+    const std::uint64_t stored = readStored(fd_);
+    return stored == 0 || sequence <= stored || sequence - stored <= kLargestJump;
+}
+
+std::uint64_t highestSequenceIn(int directoryFd, std::uint64_t ceiling) {
     std::uint64_t highest = 0;
     int fd = ::openat(directoryFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0)
@@ -98,7 +117,8 @@ std::uint64_t highestSequenceIn(int directoryFd) {
         return highest;
     }
     while (struct dirent* entry = ::readdir(dir))
-        if (auto parsed = parseMessageFileName(entry->d_name))
+        if (auto parsed = parseMessageFileName(entry->d_name);
+            parsed && parsed->sequence <= ceiling)
             highest = std::max(highest, parsed->sequence);
     ::closedir(dir);
     return highest;

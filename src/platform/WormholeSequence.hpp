@@ -28,12 +28,24 @@ class SequenceCounter {
     /// the sequence space is exhausted, or `publish` returns false.
     bool advance(const std::function<bool(std::uint64_t sequence)>& publish);
 
+    /// Whether a message file's sequence can have come from a writer of this directory: every
+    /// writer stores the counter before its message appears, so a sequence far beyond the stored
+    /// one is a stray (a file named by hand or by something else). Left in place it would pass
+    /// for the newest message for ever and, at the end of the sequence space, stop every writer.
+    /// With no counter stored yet every sequence is plausible.
+    bool plausible(std::uint64_t sequence) const;
+
+    /// How far beyond the stored counter a sequence may lie and still be a message: room for a
+    /// million messages a second for eleven days, far below the sequence space.
+    static constexpr std::uint64_t kLargestJump = 1'000'000'000'000ULL;
+
   private:
     int directoryFd_;
     int fd_ = -1;
 };
 
-/// The greatest sequence among the message files of the directory (0 when there are none).
-std::uint64_t highestSequenceIn(int directoryFd);
+/// The greatest sequence, at most `ceiling`, among the message files of the directory (0 when
+/// there are none).
+std::uint64_t highestSequenceIn(int directoryFd, std::uint64_t ceiling);
 
 }  // namespace lmkit::wormhole_detail

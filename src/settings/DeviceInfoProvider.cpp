@@ -1,4 +1,5 @@
 #include "lmkit/settings/DeviceInfoProvider.hpp"
+#include "lmkit/platform/AppGroup.hpp"
 
 #include <sys/statvfs.h>
 #include <sys/utsname.h>
@@ -69,7 +70,8 @@ DeviceInfoProvider& DeviceInfoProvider::sharedProvider() {
 }
 
 DeviceInfoProvider::DeviceInfoProvider(std::shared_ptr<Keychain> keychain)
-    : keychain_(keychain ? std::move(keychain) : std::make_shared<Keychain>(kAppGroupIdentifier)),
+    : keychain_(keychain ? std::move(keychain)
+                         : std::make_shared<Keychain>(AppGroup::identifier())),
       vendorIdentifier_(randomUUID) {
     const char* home = std::getenv("HOME");
     home_ = home && *home ? home : "/";

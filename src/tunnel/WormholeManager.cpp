@@ -41,6 +41,11 @@ std::shared_ptr<WormholeManager> WormholeManager::create(
                                                WormholeTransitingType::CoordinatedFile);
     wormhole->setDiagnosticHandler(
         [](const std::string& line) { log::warning(kLogPrefix + line); });
+    // A file that does not unarchive is no message: the one before it is still the newest.
+    wormhole->setMessageCheck([](const Wormhole::Bytes& data) {
+        std::string error;
+        return WormholeMessageObject::unarchive(data, error).has_value();
+    });
     std::shared_ptr<WormholeManager> manager(new WormholeManager(std::move(wormhole)));
     manager->listenForMessageOfDelayResponse(nullptr);
     manager->listenForMessageOfLossResponse(nullptr);

@@ -197,6 +197,37 @@ TEST(WormholeTest, AnUnreadableNewestFileHidesNothingAndDeletesNothing) {
         EXPECT_TRUE(std::filesystem::exists(directory / name)) << name;
     EXPECT_TRUE(std::filesystem::exists(std::filesystem::symlink_status(
         directory / ".unreadable.A.09000000000000000000-1.archive")));
+
+    // A regular file that reads but is no message by the carrier's check does the same.
+    writeFile(directory / "A.00000000000000000050-1.archive", "garbage");
+    Wormhole checked(dir.path(), "Wormhole");
+    checked.setMessageCheck(
+        [](const Wormhole::Bytes& bytes) { return textOf(bytes) != "garbage"; });
+    message = checked.messageWithIdentifier("A");
+    ASSERT_TRUE(message);
+    EXPECT_EQ(textOf(*message), "good");
+    for (const auto& name : good)
+        EXPECT_TRUE(std::filesystem::exists(directory / name)) << name;
+    EXPECT_TRUE(
+        std::filesystem::exists(directory / ".unreadable.A.00000000000000000050-1.archive"));
+}
+
+TEST(WormholeTest, AStrayAtTheEndOfTheSequenceSpaceStopsNoWriterAndHidesNoMessage) {
+    TempDir dir;
+    auto directory = dir.path() / "Wormhole";
+    Wormhole sender(dir.path(), "Wormhole");
+    ASSERT_TRUE(sender.passMessageData("A", bytesOf("before")));
+    Wormhole receiver(dir.path(), "Wormhole");
+    Received got;
+    receiver.listenForMessageWithIdentifier("A", got.listener());
+    const std::string stray = "A.09999999999999999999-1.archive";
+    writeFile(directory / stray, "stray");
+    ASSERT_TRUE(sender.passMessageData("A", bytesOf("after")));
+    ASSERT_TRUE(waitFor([&] { return got.last() == "after"; }));
+    for (const auto& text : got.snapshot())
+        EXPECT_NE(text, "stray");
+    EXPECT_EQ(textOf(*Wormhole(dir.path(), "Wormhole").messageWithIdentifier("A")), "after");
+    EXPECT_FALSE(std::filesystem::exists(directory / stray));
 }
 
 TEST(WormholeTest, AClockStepChangesNoOrder) {

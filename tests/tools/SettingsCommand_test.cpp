@@ -137,14 +137,24 @@ TEST_F(SettingsCommandTest, TheContainerIsPrivateAndAnEmptyDirectoryVariableIsAn
     run("settings set Custom 1", &status);  // under the test's own umask
     auto group = dir_.path() / "group";
     fs::remove_all(group);
-    lmkit::testing::runCommand("umask 000; LMKIT_APP_GROUP_DIR='" + group.string() + "' '" +
-                                   LMKIT_TOOL_PATH + "' settings set Token secret",
-                               &status);
+    const std::string inGroup =
+        "umask 000; LMKIT_APP_GROUP_DIR='" + group.string() + "' '" + LMKIT_TOOL_PATH + "' ";
+    lmkit::testing::runCommand(inGroup + "settings set Token secret", &status);
     ASSERT_EQ(status, 0);
+    lmkit::testing::runCommand(inGroup + "channel send network-change", &status);
+    ASSERT_EQ(status, 0);
+    // Settings, messages and the channel's counter are the user's alone, whatever the umask.
+    const auto privateFile = fs::perms::owner_read | fs::perms::owner_write;
     EXPECT_EQ(fs::status(group).permissions() & fs::perms::all, fs::perms::owner_all);
+    EXPECT_EQ(fs::status(group / "Wormhole").permissions() & fs::perms::all, fs::perms::owner_all);
     auto database = group / "Preferences" / (std::string(lmkit::kAppGroupIdentifier) + ".sqlite");
-    EXPECT_EQ(fs::status(database).permissions() & fs::perms::all,
-              fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(fs::status(database).permissions() & fs::perms::all, privateFile);
+    int files = 0;
+    for (const auto& entry : fs::directory_iterator(group / "Wormhole")) {
+        EXPECT_EQ(entry.status().permissions() & fs::perms::all, privateFile) << entry.path();
+        ++files;
+    }
+    EXPECT_EQ(files, 2);  // the message and the counter
 
     // The deployment file names the app group and its container for every store at once, ahead
     // of the environment variable.

@@ -14,6 +14,7 @@
 #include <fmt/format.h>
 
 #include "Command.hpp"
+#include "lmkit/foundation/Log.hpp"
 #include "lmkit/platform/AppGroup.hpp"
 #include "lmkit/platform/Clock.hpp"
 #include "lmkit/tunnel/WormholeManager.hpp"
@@ -58,6 +59,12 @@ struct ChannelOptions {
 
 std::shared_ptr<WormholeManager> openChannel() {
     auto manager = WormholeManager::create(AppGroup::containerDirectory());
+    // Files the channel moves aside are worth a line where the person is looking, as well as in
+    // the log.
+    manager->wormhole()->setDiagnosticHandler([](const std::string& line) {
+        log::warning("[Wormhole] " + line);
+        std::fprintf(stderr, "lmkit channel: %s\n", line.c_str());
+    });
     if (!std::filesystem::is_directory(manager->wormhole()->directory()))
         throw Failure("cannot use the channel directory " +
                       manager->wormhole()->directory().string());

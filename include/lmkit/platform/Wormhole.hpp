@@ -38,7 +38,9 @@ enum class WormholeTransitingType { CoordinatedFile = 1 };
 /// most 16 MiB are messages. A file under a message name that cannot be read as one (a FIFO, a
 /// directory, a link, too large, no permission) is moved aside under a hidden name and reported
 /// to the diagnostic handler; the newest readable message is delivered instead. No reader deletes
-/// a message unless a newer message of its identifier has been read.
+/// a message unless a newer message of its identifier has been read. A message file whose
+/// sequence lies far beyond the directory's counter was named by nothing that writes the
+/// channel; it is moved aside too, so that it cannot pass for the newest message for ever.
 ///
 /// Destroying the carrier stops its reader and its listeners; a listener call already running
 /// on the queue finishes.
@@ -51,6 +53,11 @@ class Wormhole {
     /// Told, in one line, about files the carrier moved aside. Called on the reader's thread or
     /// the caller's; it must not call back into the carrier.
     using DiagnosticHandler = std::function<void(const std::string& line)>;
+    /// Whether a file's bytes are a message at all (for instance, whether they unarchive): a file
+    /// that is not is moved aside like an unreadable one, and the newest message before it
+    /// counts. Called on the reader's thread or the caller's; it must not call back into the
+    /// carrier.
+    using MessageCheck = std::function<bool(const Bytes& message)>;
 
     /// The carrier over "<container>/<optionalDirectory>" (the container itself when the
     /// directory is empty). The directory is created when missing.
@@ -84,6 +91,8 @@ class Wormhole {
 
     /// Replaces the diagnostic handler (none by default).
     void setDiagnosticHandler(DiagnosticHandler handler);
+    /// Replaces the check of message contents (none by default: any bytes are a message).
+    void setMessageCheck(MessageCheck check);
 
     /// Whether `identifier` can name messages: not empty, at most 200 bytes, no '/', no NUL,
     /// not starting with '.'.
