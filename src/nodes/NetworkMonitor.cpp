@@ -197,7 +197,8 @@ void NetworkMonitor::startMonitor() {
         pinger = pinger_;
     }
     if (!pinger) {
-        double timeout = tickPeriod() * kProbeTimeoutShare;
+        // The probe may take the whole interval (read once, as the ticks keep it).
+        double timeout = tickPeriod();
         std::lock_guard guard(mutex_);
         if (!monitorTimer_)
             return;  // stopped meanwhile
@@ -205,21 +206,41 @@ void NetworkMonitor::startMonitor() {
             pinger_ = SimplePinger::create(SimplePinger::kInterfaceAny, timeout, pingNode_);
         pinger = pinger_;
     }
+    std::uint64_t probe;
+    bool unanswered;
+    {
+        std::lock_guard guard(mutex_);
+        unanswered = outstandingProbe_.has_value();
+        probe = ++probeNumber_;
+        outstandingProbe_ = probe;
+    }
+    // A whole interval went by without an echo: the probe is lost, as its time-out, which the
+    // new probe is about to replace, would have said.
+    if (unanswered)
+        recordOutcome(kLostProbeDelay, 1.0);
     auto weak = weak_from_this();
     pinger->testPing(
-        [weak](double delay) {
-            if (auto self = weak.lock())
+        [weak, probe](double delay) {
+            if (auto self = weak.lock(); self && self->settleProbe(probe))
                 self->recordOutcome(delay, 0.0);
         },
-        [weak](const std::optional<Error>& error) {
+        [weak, probe](const std::optional<Error>& error) {
+            auto self = weak.lock();
+            if (!self || !self->settleProbe(probe))
+                return;
             // Only "all packets lost" counts; a socket that cannot be made or closed says
             // nothing about the network.
-            if (!error || error->domain != kTimeoutErrorDomain ||
-                error->code != kAllPacketsLostCode)
-                return;
-            if (auto self = weak.lock())
+            if (error && error->domain == kTimeoutErrorDomain && error->code == kAllPacketsLostCode)
                 self->recordOutcome(kLostProbeDelay, 1.0);
         });
+}
+
+bool NetworkMonitor::settleProbe(std::uint64_t probe) {
+    std::lock_guard guard(mutex_);
+    if (outstandingProbe_ != probe)
+        return false;
+    outstandingProbe_.reset();
+    return true;
 }
 
 void NetworkMonitor::stopMonitor() {
@@ -232,6 +253,7 @@ void NetworkMonitor::stopMonitor() {
         running_ = false;
         timer = std::move(monitorTimer_);
         pinger = std::move(pinger_);
+        outstandingProbe_.reset();  // its outcome no longer counts
     }
     timer->cancel();
     if (pinger)

@@ -10,8 +10,8 @@
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/foundation/UserDefaults.hpp"
 #include "lmkit/models/StartupConfig.hpp"
-#include "lmkit/testbed/EchoServer.hpp"
 #include "lmkit/settings/RecordArchiving.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 #include "support/TestSupport.hpp"
 
 using namespace lmkit;
@@ -94,6 +94,9 @@ TEST_F(NetworkMonitorTest, LossyEndpointIsFoundUnstableWithinOneBatchAndTheVerdi
     });
     monitor->startMonitorWithTargetAddress("127.0.0.1");
     EXPECT_TRUE(monitor->isRunning());
+    // The probe may take the whole interval; a lost one is still counted before the next.
+    ASSERT_TRUE(waitFor([&] { return monitor->nodeSelector() != nullptr; }));
+    EXPECT_EQ(monitor->nodeSelector()->testPingTimeout(), monitor->tickPeriod());
 
     ASSERT_TRUE(waitFor([&] { return !monitor->isRunning(); }, 20));
     EXPECT_EQ(monitor->result(), NetworkMonitor::kResultUnstable);

@@ -48,10 +48,6 @@ class NetworkMonitor : public std::enable_shared_from_this<NetworkMonitor> {
     /// A configured interval of 0 (or a tiny one) would make the tick spin a core; ticks come
     /// no faster than this.
     static constexpr double kMinimumTickPeriod = 0.05;
-    /// The pinger gives up on a probe after this share of the tick period. Were it to wait the
-    /// whole period, the next tick's probe would replace its callbacks first and a lost probe
-    /// would never be counted.
-    static constexpr double kProbeTimeoutShare = 0.9;
 
     enum Result : unsigned long { kResultStable = 1, kResultUnstable = 2 };
 
@@ -131,6 +127,8 @@ class NetworkMonitor : public std::enable_shared_from_this<NetworkMonitor> {
 
     /// The one way resultCount changes; runs the judging for the new value.
     void setResultCount(std::int64_t value);
+    /// True for the first of the probe's outcomes to arrive (its callback or the next tick).
+    bool settleProbe(std::uint64_t probe);
     void observeResultCount(std::int64_t value);
     void startNewBatch();
 
@@ -148,6 +146,11 @@ class NetworkMonitor : public std::enable_shared_from_this<NetworkMonitor> {
     std::optional<SimplePingNode> pingNode_;
     long pingPort_ = kDefaultPingPort;
     std::shared_ptr<SimplePinger> pinger_;
+    // The probe whose outcome is still to come (numbered per tick): the pinger waits the whole
+    // interval, so the next tick may start before its time-out reports; that tick then counts
+    // it as lost. Whichever comes first records the outcome, the other finds it settled.
+    std::uint64_t probeNumber_ = 0;
+    std::optional<std::uint64_t> outstandingProbe_;
     std::shared_ptr<DispatchTimerSource> monitorTimer_;
     std::shared_ptr<UnstableNetworkConfig> unstableNetworkConfig_;
     std::function<bool()> networkValidCheck_;
