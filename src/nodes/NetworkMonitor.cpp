@@ -216,8 +216,13 @@ void NetworkMonitor::startMonitor() {
     }
     // A whole interval went by without an echo: the probe is lost, as its time-out, which the
     // new probe is about to replace, would have said.
-    if (unanswered)
+    if (unanswered) {
         recordOutcome(kLostProbeDelay, 1.0);
+        // That loss may have been the verdict, which stops the monitor: nothing more to send.
+        std::lock_guard guard(mutex_);
+        if (!monitorTimer_)
+            return;
+    }
     auto weak = weak_from_this();
     pinger->testPing(
         [weak, probe](double delay) {
