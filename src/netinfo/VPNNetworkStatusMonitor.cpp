@@ -59,12 +59,28 @@ NetworkInfo VPNNetworkStatusMonitor::getInterfaceInfo() const {
             // A later down or unformattable cellular entry clears an earlier address, so the
             // address reported is always that of the last cellular entry.
             info.wwanIp = text;
+            if (valid && !wwanValid)
+                info.wwanInterface = entry.name;
             wwanValid |= valid;
         }
     }
     info.WiFiValid = wifiValid;
     info.WWANValid = wwanValid;
     return info;
+}
+
+InterfaceBinding VPNNetworkStatusMonitor::bindingForInterfaceType(long type) const {
+    constexpr long kWiFi = 1;
+    constexpr long kCellular = 2;
+    InterfaceBinding binding;
+    if (type == kWiFi) {
+        binding.usable = getInterfaceInfo().WiFiValid;
+    } else if (type == kCellular) {
+        auto info = getInterfaceInfo();
+        binding.usable = info.WWANValid;
+        binding.interfaceName = info.wwanInterface;
+    }
+    return binding;
 }
 
 }  // namespace lmkit

@@ -448,14 +448,9 @@ std::string NodeSelector::constructKeyWithHost(const std::string& host, long por
 }
 
 bool NodeSelector::isInterfaceUp() const {
-    switch (bindedInterfaceType()) {
-        case kInterfaceWiFi:
-            return VPNNetworkStatusMonitor::sharedMonitor().WiFiValid();
-        case kInterfaceCellular:
-            return VPNNetworkStatusMonitor::sharedMonitor().WWANValid();
-        default:
-            return true;
-    }
+    return VPNNetworkStatusMonitor::sharedMonitor()
+        .bindingForInterfaceType(bindedInterfaceType())
+        .usable;
 }
 
 bool NodeSelector::createUdpSocketIfHasError(std::optional<Error>* error) {
@@ -471,23 +466,21 @@ bool NodeSelector::createUdpSocketIfHasError(std::optional<Error>* error) {
     auto socket = UdpSocket::create(events, delegateQueue);
     Error failure;
     bool ok = false;
-    if (type == kInterfaceWiFi && !isInterfaceUp()) {
-        failure = Error::withDescription(kErrorDomain, kErrorInterfaceDown, kWiFiDownDescription);
-    } else if (type == kInterfaceCellular && !isInterfaceUp()) {
-        failure = Error::withDescription(kErrorDomain, kErrorInterfaceDown, kWWANDownDescription);
-    } else if (type == kInterfaceCellular) {
-        // The same naming decides whether cellular is valid and which interface is bound: on
-        // Linux the cellular link is whatever the naming says (wwan0, say), not "pdp_ip0".
-        const std::string cellular =
-            VPNNetworkStatusMonitor::sharedMonitor().interfaceNaming().cellularInterface();
-        ok = socket->bindToPort(0, cellular, &failure) && socket->beginReceiving(&failure);
+    // One reading decides whether the interface is usable and which one is bound.
+    auto binding = VPNNetworkStatusMonitor::sharedMonitor().bindingForInterfaceType(type);
+    if (!binding.usable) {
+        failure = Error::withDescription(
+            kErrorDomain, kErrorInterfaceDown,
+            type == kInterfaceWiFi ? kWiFiDownDescription : kWWANDownDescription);
+    } else if (binding.interfaceName) {
+        ok = socket->bindToPort(0, *binding.interfaceName, &failure) &&
+             socket->beginReceiving(&failure);
         // The cellular address alone does not choose the way out here: a host sends from any of
         // its addresses along the preferred route, usually Wi-Fi's. Pinning the socket to the
         // interface sends the probes over cellular, which is what they are meant to measure.
         if (ok)
-            pinToInterface(socket, cellular);
+            pinToInterface(socket, *binding.interfaceName);
     } else {
-        // Wi-Fi is checked but not pinned: the default route already leaves through it.
         ok = socket->bindToPort(0, &failure) && socket->beginReceiving(&failure);
     }
     if (!ok) {

@@ -181,25 +181,17 @@ bool ProxySpeedTest::createUdpSocketIfHasError(std::optional<Error>* error) {
 bool ProxySpeedTest::configUdpSocketIfHasError(UdpSocket& socket, std::optional<Error>* error) {
     long type = bindedInterfaceType();
     Error failure;
-    bool bound = false;
-    if (type == kInterfaceWiFi || type == kInterfaceCellular) {
-        bool up = type == kInterfaceWiFi ? VPNNetworkStatusMonitor::sharedMonitor().WiFiValid()
-                                         : VPNNetworkStatusMonitor::sharedMonitor().WWANValid();
-        if (!up) {
-            if (error)
-                *error = Error::withDescription(
-                    kErrorDomain, kErrorInterfaceDown,
-                    type == kInterfaceWiFi ? kWiFiDownDescription : kWWANDownDescription);
-            return false;
-        }
+    // One reading decides whether the interface is usable and which one is bound.
+    auto binding = VPNNetworkStatusMonitor::sharedMonitor().bindingForInterfaceType(type);
+    if (!binding.usable) {
+        if (error)
+            *error = Error::withDescription(
+                kErrorDomain, kErrorInterfaceDown,
+                type == kInterfaceWiFi ? kWiFiDownDescription : kWWANDownDescription);
+        return false;
     }
-    if (type == kInterfaceCellular) {
-        bound = socket.bindToPort(
-            0, VPNNetworkStatusMonitor::sharedMonitor().interfaceNaming().cellularInterface(),
-            &failure);
-    } else {
-        bound = socket.bindToPort(0, &failure);
-    }
+    bool bound = binding.interfaceName ? socket.bindToPort(0, *binding.interfaceName, &failure)
+                                       : socket.bindToPort(0, &failure);
     if (bound && socket.beginReceiving(&failure))
         return true;
     if (error)

@@ -131,14 +131,9 @@ void SimplePinger::stop() {
 }
 
 bool SimplePinger::isInterfaceUp() const {
-    switch (bindedInterfaceType_) {
-        case kInterfaceWiFi:
-            return VPNNetworkStatusMonitor::sharedMonitor().WiFiValid();
-        case kInterfaceCellular:
-            return VPNNetworkStatusMonitor::sharedMonitor().WWANValid();
-        default:
-            return true;
-    }
+    return VPNNetworkStatusMonitor::sharedMonitor()
+        .bindingForInterfaceType(bindedInterfaceType_)
+        .usable;
 }
 
 // Set-up.
@@ -186,33 +181,20 @@ bool SimplePinger::createUdpSocketIfHasError(std::optional<Error>* error) {
 
 bool SimplePinger::configUdpSocketIfHasError(UdpSocket& socket, std::optional<Error>* error) {
     Error failure;
-    bool bound = false;
-    switch (bindedInterfaceType_) {
-        case kInterfaceWiFi:
-            if (!isInterfaceUp()) {
-                if (error)
-                    *error = Error::withDescription(kErrorDomain, kErrorInterfaceDown,
-                                                    kWiFiDownDescription);
-                return false;
-            }
-            // Wi-Fi is checked but not pinned: only the cellular path names its interface.
-            bound = socket.bindToPort(0, &failure);
-            break;
-        case kInterfaceCellular:
-            if (!isInterfaceUp()) {
-                if (error)
-                    *error = Error::withDescription(kErrorDomain, kErrorInterfaceDown,
-                                                    kWWANDownDescription);
-                return false;
-            }
-            bound = socket.bindToPort(
-                0, VPNNetworkStatusMonitor::sharedMonitor().interfaceNaming().cellularInterface(),
-                &failure);
-            break;
-        default:
-            bound = socket.bindToPort(0, &failure);
-            break;
+    // One reading decides whether the interface is usable and which one is bound (only the
+    // cellular path names its interface).
+    auto binding =
+        VPNNetworkStatusMonitor::sharedMonitor().bindingForInterfaceType(bindedInterfaceType_);
+    if (!binding.usable) {
+        if (error)
+            *error = Error::withDescription(kErrorDomain, kErrorInterfaceDown,
+                                            bindedInterfaceType_ == kInterfaceWiFi
+                                                ? kWiFiDownDescription
+                                                : kWWANDownDescription);
+        return false;
     }
+    bool bound = binding.interfaceName ? socket.bindToPort(0, *binding.interfaceName, &failure)
+                                       : socket.bindToPort(0, &failure);
     if (bound && socket.beginReceiving(&failure))
         return true;
     if (error)

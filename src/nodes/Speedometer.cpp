@@ -238,18 +238,18 @@ void Speedometer::beginRun(std::uint64_t generation) {
     Error failure;
     bool ok = false;
     auto& status = VPNNetworkStatusMonitor::sharedMonitor();
-    if (task_.interfaceType == kInterfaceWiFi && !status.WiFiValid()) {
+    // One reading decides whether the interface is usable and which one is bound.
+    auto binding = status.bindingForInterfaceType(task_.interfaceType);
+    if (!binding.usable && task_.interfaceType == kInterfaceWiFi) {
         failure = speedometerError(kErrorInterfaceDown, "wifi interface is not up, do not bind.");
-    } else if (task_.interfaceType == kInterfaceCellular && !status.WWANValid()) {
+    } else if (!binding.usable) {
         failure = speedometerError(kErrorInterfaceDown,
                                    fmt::format("wwan interface({}) is not up, do not bind.",
                                                status.interfaceNaming().cellularInterface()));
-    } else if (task_.interfaceType == kInterfaceCellular) {
-        // Cellular must be pinned: the default route usually leaves through Wi-Fi.
-        ok = socket->bindToPort(0, status.interfaceNaming().cellularInterface(), &failure) &&
+    } else if (binding.interfaceName) {
+        ok = socket->bindToPort(0, *binding.interfaceName, &failure) &&
              socket->beginReceiving(&failure);
     } else {
-        // Wi-Fi is checked but not pinned: the default route already leaves through it.
         ok = socket->bindToPort(0, &failure) && socket->beginReceiving(&failure);
     }
     if (!ok) {

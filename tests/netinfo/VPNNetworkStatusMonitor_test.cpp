@@ -75,6 +75,20 @@ TEST(VPNNetworkStatusMonitor, LinuxNamesAreConfigurable) {
     EXPECT_EQ(info.wwanIp, "10.20.30.40");
     EXPECT_TRUE(info.WiFiValid && info.WWANValid);
 
+    // The cellular interface that passes the check is the one a cellular socket binds to, be it
+    // wwan0 or a modem's rmnet_data0; Wi-Fi is checked but names no interface.
+    auto binding = monitor.bindingForInterfaceType(2);
+    EXPECT_TRUE(binding.usable);
+    EXPECT_EQ(binding.interfaceName, "wwan0");
+    auto modem = monitorOf(
+        {fakeEntry("rmnet_data0", "10.1.1.1", false), fakeEntry("rmnet_data1", "10.2.2.2")},
+        InterfaceNaming::linuxNames());
+    EXPECT_EQ(modem.bindingForInterfaceType(2).interfaceName, "rmnet_data1");
+    EXPECT_TRUE(modem.bindingForInterfaceType(0).usable);
+    EXPECT_FALSE(modem.bindingForInterfaceType(1).usable);
+    EXPECT_FALSE(modem.bindingForInterfaceType(1).interfaceName);
+    EXPECT_FALSE(monitorOf({}).bindingForInterfaceType(2).usable);
+
     setenv("LMKIT_INTERFACE_NAMING", "linux", 1);
     EXPECT_EQ(InterfaceNaming::fromEnvironment().cellularInterface(), "wwan0");
     unsetenv("LMKIT_INTERFACE_NAMING");

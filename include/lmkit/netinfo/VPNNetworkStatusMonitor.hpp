@@ -20,6 +20,18 @@ struct NetworkInfo {
     std::optional<std::string> wifiIpV4;
     std::optional<std::string> wifiIpV6;
     std::optional<std::string> wwanIp;
+    /// The cellular interface that made WWANValid true (the first usable one).
+    std::optional<std::string> wwanInterface;
+};
+
+/// What a socket bound to an interface type may use, from one reading of the interface list.
+struct InterfaceBinding {
+    /// Whether the type's interface is usable; types other than Wi-Fi and cellular always are.
+    bool usable = true;
+    /// The interface to bind to: for cellular, the usable cellular interface itself, so that the
+    /// socket binds to the very interface the check found. Wi-Fi is checked but not named: the
+    /// default route already leaves through it.
+    std::optional<std::string> interfaceName;
 };
 
 /// The tunnel's view of the network: every answer is computed afresh from the interface list,
@@ -45,6 +57,10 @@ class VPNNetworkStatusMonitor {
     bool networkValid() const { return getInterfaceInfo().networkValid; }
     bool WiFiValid() const { return getInterfaceInfo().WiFiValid; }
     bool WWANValid() const { return getInterfaceInfo().WWANValid; }
+
+    /// The binding for interface type `type` (0 any, 1 Wi-Fi, 2 cellular, anything else any):
+    /// every measuring socket checks and binds through this one answer.
+    InterfaceBinding bindingForInterfaceType(long type) const;
 
     void setInterfaceNaming(InterfaceNaming naming);
     InterfaceNaming interfaceNaming() const;

@@ -46,7 +46,6 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     static constexpr const char* kWiFiDownDescription = "wifi interface is not up, do not bind.";
     static constexpr const char* kWWANDownDescription =
         "wwan interface(pdp_ip0) is not up, do not bind.";
-    static constexpr const char* kCellularInterfaceName = "pdp_ip0";
 
     enum ErrorCode : long {
         kErrorSocket = 1,
