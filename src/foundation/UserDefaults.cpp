@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -281,7 +282,10 @@ std::string UserDefaults::integrityCheckLocked() const {
     int rc;
     while ((rc = sqlite3_step(check)) == SQLITE_ROW) {
         const auto* line = reinterpret_cast<const char*>(sqlite3_column_text(check, 0));
-        found += (found.empty() ? "" : "; ") + std::string(line ? line : "");
+        std::string text(line ? line : "");
+        // SQLite breaks its findings over lines; an error is reported in one.
+        std::replace(text.begin(), text.end(), '\n', ' ');
+        found += (found.empty() ? "" : "; ") + text;
     }
     if (rc != SQLITE_DONE)
         found += (found.empty() ? "" : "; ") + std::string(sqlite3_errmsg(database_->db));

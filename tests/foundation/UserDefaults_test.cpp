@@ -212,6 +212,7 @@ TEST_F(UserDefaultsTest, ADamagedPageIsReportedWithSqlitesCheckAndTheFileKept) {
     EXPECT_NE(error->localizedDescription().find("is damaged (SQLITE_CORRUPT)"), std::string::npos)
         << error->localizedDescription();
     EXPECT_NE(error->localizedDescription().find("integrity check: "), std::string::npos);
+    EXPECT_EQ(error->localizedDescription().find('\n'), std::string::npos);  // one line
     EXPECT_EQ(capture.count("[UserDefaults] "), 1u);
     EXPECT_TRUE(defaults->integrityCheck());
     EXPECT_TRUE(std::filesystem::exists(path));

@@ -42,13 +42,14 @@ void readInputChunks(const std::string& path,
         throw Failure("cannot read " + name + ": " + std::strerror(errno));
 }
 
-Data readInput(const std::string& path, std::uint64_t maxBytes) {
+Data readInput(const std::string& path, std::uint64_t maxBytes, std::string_view limitOption) {
     Data data;
     readInputChunks(path, [&](const std::uint8_t* bytes, std::size_t count) {
         if (data.size() + count > maxBytes)
-            throw Failure((isStandardStream(path) ? std::string("standard input") : path) +
-                          " is larger than " + std::to_string(maxBytes) +
-                          " bytes (see --max-bytes)");
+            throw Failure(
+                (isStandardStream(path) ? std::string("standard input") : path) +
+                " is larger than " + std::to_string(maxBytes) + " bytes" +
+                (limitOption.empty() ? std::string() : " (see " + std::string(limitOption) + ")"));
         data.insert(data.end(), bytes, bytes + count);
     });
     return data;

@@ -5,6 +5,7 @@
 #include <functional>
 #include <limits>
 #include <string>
+#include <string_view>
 
 #include "lmkit/foundation/Data.hpp"
 
@@ -16,9 +17,10 @@ inline constexpr std::uint64_t kDefaultMaxInputBytes = 64ull << 20;
 
 /// Reads the whole file, or standard input when `path` is empty or "-", refusing it as soon as it
 /// grows past `maxBytes`. Throws Failure with a line that names the file when it cannot be read
-/// or is too large.
+/// or is too large (and the option that raises the limit, when the subcommand has one).
 Data readInput(const std::string& path,
-               std::uint64_t maxBytes = std::numeric_limits<std::uint64_t>::max());
+               std::uint64_t maxBytes = std::numeric_limits<std::uint64_t>::max(),
+               std::string_view limitOption = {});
 
 /// Reads the file, or standard input when `path` is empty or "-", 64 KiB at a time, handing each
 /// piece to `chunk`: digests and compression run in constant memory whatever the input's size.

@@ -195,9 +195,9 @@ Command channel(
 
         auto* listen = app.add_subcommand("listen", "Print every message as it arrives");
         listen->add_option("--count", options->count, "Stop after this many messages")
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::Range(0, 1000000000));
         listen->add_option("--timeout", options->timeout, "Stop after this many seconds")
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::Range(0.0, 86400.0));
         listen->add_flag("--current", options->current,
                          "First print the newest stored message of each kind");
         listen->add_flag("--json", common.json, "One JSON object per line");

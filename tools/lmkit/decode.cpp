@@ -78,7 +78,7 @@ Command decode(
             if (!type)
                 throw Failure(fmt::format("unknown record type \"{}\" (see lmkit decode --list)",
                                           options->type));
-            const Data input = readInput(options->input, options->maxBytes);
+            const Data input = readInput(options->input, options->maxBytes, "--max-bytes");
             Json json = Json::parse(input.begin(), input.end(), nullptr, false);
             if (json.is_discarded())
                 throw Failure(fmt::format("{}: the input is not valid JSON", options->type));

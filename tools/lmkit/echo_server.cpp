@@ -68,7 +68,7 @@ Command echoServer(
                        "Faults for every endpoint without its own, e.g. delay=20,loss=0.1");
         app.add_option("--seed", options->seed, "Seed of the delay jitter and loss draws");
         app.add_option("--duration", options->duration, "Stop after this many seconds (0: never)")
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::Range(0.0, 86400.0 * 365));
         return [options, &common]() -> int {
             auto endpoints = collectEndpoints(*options);
             Error error;

@@ -299,7 +299,7 @@ void addBuild(CLI::App& options, const std::shared_ptr<BuildOptions>& build) {
     app->add_flag("--select", build->select, "Choose the best node by probing the answer's nodes")
         ->excludes(nodes);
     app->add_option("--timeout", build->timeout, "Probe time-out in seconds for --select")
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(0.001, 3600.0));
     app->add_option("--port", build->port, "Probe port for --select")->check(CLI::Range(1, 65535));
     app->add_option("-o,--out", build->out, "Write to this file instead of standard output");
     app->add_flag("--compact", build->compact, "One line, as the start request carries it");

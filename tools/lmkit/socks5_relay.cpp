@@ -42,7 +42,7 @@ Command socks5Relay(
             ->check(CLI::Range(0, 65535));
         app.add_option("--token", options->token, "Token every request must carry")->required();
         app.add_option("--delay", options->delay, "Milliseconds added before forwarding")
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::Range(0.0, 600000.0));
         app.add_option("--loss", options->loss, "Probability of dropping a request")
             ->check(CLI::Range(0.0, 1.0));
         app.add_option("--idle-timeout", options->idleTimeout,
@@ -54,7 +54,7 @@ Command socks5Relay(
             ->check(CLI::Range(1, 65536));
         app.add_option("--seed", options->seed, "Seed of the loss draws");
         app.add_option("--duration", options->duration, "Stop after this many seconds (0: never)")
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::Range(0.0, 86400.0 * 365));
         return [options, &common]() -> int {
             Socks5RelayConfig config;
             config.host = options->host;

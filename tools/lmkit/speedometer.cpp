@@ -197,7 +197,7 @@ Command speedometer(
         app.add_flag("--save", options->save, "Append the result to the stored results");
         auto* results = app.add_subcommand("results", "List the stored results, oldest first");
         results->add_option("--prefix", options->prefix, "Only the first N results")
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::Range(0, 1000000000));
         results->add_flag("--json", common.json, "Print data as JSON");
         return [options, &common, results]() -> int {
             if (results->parsed())
