@@ -9,8 +9,8 @@
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/nodes/ProxySpeedTest.hpp"
 #include "lmkit/platform/Clock.hpp"
-#include "lmkit/testbed/EchoServer.hpp"
 #include "lmkit/platform/Localized.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
 #include "lmkit/testbed/Socks5Relay.hpp"
 #include "nodes/ScriptedPeer.hpp"
 #include "support/TestSupport.hpp"
@@ -372,44 +372,6 @@ TEST(ProxySpeedTest, BadTokenAndBadEchoesFailByTheDeadline) {
     EXPECT_GE(capture.count("time from server:12x is not all digits"), 1u);
     EXPECT_GE(capture.count("socks5 udp:missing ipv4 address"), 1u);
     EXPECT_FALSE(capture.contains("invalid time("));
-}
-
-TEST(ProxySpeedTest, ReportsOnceUnderDuplicatedAndLateEchoes) {
-    EchoFaults duplicate;
-    duplicate.duplicate = true;
-    Path doubled(duplicate);
-    ASSERT_TRUE(doubled.echo && doubled.relay);
-    auto test = doubled.makeTest(4);
-    Outcome outcome;
-    runToReport(outcome, [&] {
-        test->speedTestToTargetAddress("127.0.0.1", doubled.echoPort, outcome.success(),
-                                       outcome.failure());
-    });
-    ASSERT_TRUE(waitFor([&] { return doubled.relay->repliesRelayed() % 8 == 0; }));
-
-    EchoFaults late;
-    late.lateSeconds = 0.35;  // past the 200 ms deadline
-    Path slow(late);
-    ASSERT_TRUE(slow.echo && slow.relay);
-    auto lateTest = slow.makeTest(3);
-    Outcome lateOutcome;
-    lateTest->speedTestToTargetAddress("127.0.0.1", slow.echoPort, lateOutcome.success(),
-                                       lateOutcome.failure());
-    ASSERT_TRUE(waitFor([&] { return lateOutcome.reports() == 1; }));
-
-    // Let every straggler arrive; neither test may report again.
-    ASSERT_TRUE(waitFor([&] { return slow.echo->repliesSent() == 3; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    {
-        std::lock_guard guard(outcome.mutex);
-        ASSERT_EQ(outcome.results.size(), 1u);
-        EXPECT_TRUE(outcome.failures.empty());
-        EXPECT_EQ(outcome.results[0].second, 0);
-    }
-    std::lock_guard guard(lateOutcome.mutex);
-    EXPECT_TRUE(lateOutcome.results.empty());
-    ASSERT_EQ(lateOutcome.failures.size(), 1u);
-    EXPECT_EQ(lateOutcome.failures[0]->code, 2);
 }
 
 TEST(ProxySpeedTest, SocketClosesEndATest) {
