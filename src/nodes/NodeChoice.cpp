@@ -3,8 +3,9 @@
 #include <cmath>
 #include <map>
 
+#include <fmt/format.h>
+
 #include "lmkit/foundation/Log.hpp"
-#include "lmkit/models/CollectionHelpers.hpp"
 #include "lmkit/nodes/NodeSelector.hpp"
 
 namespace lmkit {
@@ -13,11 +14,26 @@ namespace {
 
 using Nodes = NodeSelector::Nodes;
 
+std::size_t draw(std::mt19937_64& random, std::size_t count) {
+    return std::uniform_int_distribution<std::size_t>(0, count - 1)(random);
+}
+
+std::string nameOf(const std::shared_ptr<AccNode>& node) {
+    return node->ip.value_or("(no address)");
+}
+
 // Fisher-Yates over the first `count` nodes: for i from count down to 2, swap i − 1 with a
 // uniformly random position below i.
-void shuffleFirst(Nodes& nodes, std::size_t count) {
-    for (std::size_t i = count; i >= 2; --i)
-        std::swap(nodes[i - 1], nodes[collections::randomIndex(i)]);
+void shuffleFirst(Nodes& nodes, std::size_t count, std::mt19937_64& random,
+                  NodeSelector::ChoiceTrace* trace, const char* why) {
+    for (std::size_t i = count; i >= 2; --i) {
+        std::size_t other = draw(random, i);
+        if (trace)
+            trace->draws.push_back(fmt::format("{}: position {} ({}) swapped with {} ({})", why,
+                                               i - 1, nameOf(nodes[i - 1]), other,
+                                               nameOf(nodes[other])));
+        std::swap(nodes[i - 1], nodes[other]);
+    }
 }
 
 bool hasNodeWithIp(const Nodes& nodes, const std::optional<std::string>& ip) {
@@ -39,6 +55,15 @@ Nodes sortedByScore(const Nodes& nodes) {
 
 NodeSelector::Nodes NodeSelector::chooseBestNodes(const Nodes& nodes, long mode,
                                                   const std::optional<Number>& scoreRangeGap) {
+    thread_local std::mt19937_64 random{std::random_device{}()};
+    return chooseBestNodes(nodes, mode, scoreRangeGap, random, nullptr);
+}
+
+NodeSelector::Nodes NodeSelector::chooseBestNodes(const Nodes& nodes, long mode,
+                                                  const std::optional<Number>& scoreRangeGap,
+                                                  std::mt19937_64& random, ChoiceTrace* trace) {
+    if (trace)
+        *trace = ChoiceTrace{scoreRangeGap, {}, {}};
     if (mode == kModeTestMultipath)
         return sortedByScore(nodes);
 
@@ -59,14 +84,18 @@ NodeSelector::Nodes NodeSelector::chooseBestNodes(const Nodes& nodes, long mode,
         if (bucket.size() == 1) {
             result = bucket;
         } else {
-            shuffleFirst(bucket, bucket.size());
+            shuffleFirst(bucket, bucket.size(), random, trace, "equal scores");
             for (const auto& node : bucket)
                 if (!hasNodeWithIp(result, node->ip))
                     result.push_back(node);
         }
     } else {
         for (const auto& [score, bucket] : buckets) {
-            const auto& pick = bucket[collections::randomIndex(bucket.size())];
+            const std::size_t picked = bucket.size() == 1 ? 0 : draw(random, bucket.size());
+            const auto& pick = bucket[picked];
+            if (trace && bucket.size() > 1)
+                trace->draws.push_back(fmt::format("score {:.2f}: picked {} ({}) of {}", score,
+                                                   picked, nameOf(pick), bucket.size()));
             if (!hasNodeWithIp(result, pick->ip))
                 result.push_back(pick);
         }
@@ -84,7 +113,7 @@ NodeSelector::Nodes NodeSelector::chooseBestNodes(const Nodes& nodes, long mode,
                 break;
             }
         }
-        shuffleFirst(result, end);
+        shuffleFirst(result, end, random, trace, "within the score gap");
     }
     return result;
 }

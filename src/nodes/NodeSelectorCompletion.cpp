@@ -26,10 +26,12 @@ void NodeSelector::finishRun(std::uint64_t generation) {
     bool rear;
     std::shared_ptr<AccConfig> config;
     long probePort;
+    std::optional<std::uint64_t> seed;
     {
         std::lock_guard guard(mutex_);
         if (generation != generation_)
             return;
+        seed = randomSeed_;
         computingStatus_ = kStatusFinished;
         if (packetRecvTimer_)
             packetRecvTimer_->invalidate();
@@ -48,7 +50,14 @@ void NodeSelector::finishRun(std::uint64_t generation) {
     std::optional<Number> gap;
     if (mode != kModeTestMultipath)
         gap = scoringSettings_.scoreRangeGap;
-    Nodes chosen = chooseBestNodes(all, mode, gap);
+    std::mt19937_64 random(seed ? *seed : std::random_device{}());
+    ChoiceTrace trace;
+    Nodes chosen = chooseBestNodes(all, mode, gap, random, &trace);
+    explainChoice(all, config, probePort, trace);
+    {
+        std::lock_guard guard(mutex_);
+        lastChoiceTrace_ = trace;
+    }
     auto best = chosen.empty() ? nullptr : chosen.front();
 
     std::string bestKey;
@@ -127,6 +136,45 @@ void NodeSelector::finishRun(std::uint64_t generation) {
             success(chosen, delay, loss, deviation);
         }
     });
+}
+
+void NodeSelector::explainChoice(const Nodes& nodes, const std::shared_ptr<AccConfig>& config,
+                                 long probePort, ChoiceTrace& trace) {
+    for (const auto& [key, entry] : entries_)
+        trace.deviations[key] = DelayStatistics::computeDeviationOfDelay(entry.delays);
+    // Every term of every candidate and every draw: enough to replay a user's report.
+    if (!log::isEnabled(log::kDebug))
+        return;
+    std::string text;
+    for (const auto& node : nodes) {
+        auto key = probe::constructKeyWithHost(node->safePingServer(), probePort);
+        text += fmt::format(
+            "{}: delay {:.3f} ms, loss {:.2f}, deviation {:.2f}; delay score {:.2f}, loss score "
+            "{:.2f}, load score {:.2f}, isp score {:.2f}, total {:.2f}\n",
+            key, node->delay, node->loss, trace.deviations[key], node->delayScore, node->lossScore,
+            node->loadScore, node->ispScore, node->score());
+    }
+    if (config)
+        text += fmt::format(
+            "weights: ping {}, loss {}, loss2 {}, loss scale {}, load {}, load threshold {}, isp "
+            "{}\n",
+            formatNumber(config->ping), formatNumber(config->loss), formatNumber(config->loss2),
+            formatNumber(config->lossScale), formatNumber(config->load),
+            formatNumber(config->loadThreshold), formatNumber(config->isp));
+    text += "score gap " + formatNumber(trace.scoreRangeGap) + "\n";
+    for (const auto& line : trace.draws)
+        text += "draw: " + line + "\n";
+    log::debug("[NodeSelector] choice:\n" + text);
+}
+
+void NodeSelector::setRandomSeed(std::optional<std::uint64_t> seed) {
+    std::lock_guard guard(mutex_);
+    randomSeed_ = seed;
+}
+
+NodeSelector::ChoiceTrace NodeSelector::lastChoiceTrace() const {
+    std::lock_guard guard(mutex_);
+    return lastChoiceTrace_;
 }
 
 void NodeSelector::callFailureBlockIfNeeded() {

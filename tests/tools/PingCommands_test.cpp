@@ -1,5 +1,8 @@
 #include <algorithm>
+#include <fstream>
+#include <regex>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -97,4 +100,46 @@ TEST_F(PingCommandsTest, ProxyTestMeasuresThroughTheRelay) {
     EXPECT_EQ(json["loss"], 0);
     EXPECT_GT(json["avg_ms"].get<double>(), 0);
     EXPECT_EQ(relay->requestsForwarded(), 4u);
+}
+
+TEST_F(PingCommandsTest, SelectExplainsItsChoiceAndASeedRepeatsIt) {
+    // Three nodes within the score gap on one endpoint's port: the choice is a random order.
+    std::vector<EchoEndpointConfig> endpoints;
+    for (const char* host : {"127.0.0.2", "127.0.0.3", "127.0.0.4"})
+        endpoints.push_back({host, echo_->endpoints()[0].port, {}});
+    auto more = EchoServer::start(endpoints);
+    ASSERT_TRUE(more);
+    auto nodes = dir_.path() / "nodes.json";
+    std::ofstream(nodes) << R"([{"id":"a","ip":"127.0.0.2"},{"id":"b","ip":"127.0.0.3"},)"
+                         << R"({"id":"c","ip":"127.0.0.4"}])";
+    int status = -1;
+    run("settings set ShareStorerKeyScoreRangeGap 1000", &status);
+    ASSERT_EQ(status, 0);
+    auto select = [&](const std::string& seed) {
+        auto out = run("select " + nodes.string() + " --port " + echoPort_ +
+                           " --explain --json --seed " + seed + " 2>/dev/null",
+                       &status);
+        EXPECT_EQ(status, 0) << out;
+        return nlohmann::json::parse(out);
+    };
+    auto first = select("7"), again = select("7");
+    ASSERT_EQ(first["nodes"].size(), 3u);
+    EXPECT_EQ(first["explain"]["score_gap"], 1000.0);
+    EXPECT_EQ(first["explain"]["draws"].size(), 2u);  // Fisher-Yates over three nodes
+    // The same seed draws the same positions (the nodes at them follow the measured order).
+    auto positions = [](const nlohmann::json& draws) {
+        std::vector<std::string> kept;
+        for (const auto& draw : draws)
+            kept.push_back(
+                std::regex_replace(draw.get<std::string>(), std::regex(R"( \([^)]*\))"), ""));
+        return kept;
+    };
+    EXPECT_EQ(positions(first["explain"]["draws"]), positions(again["explain"]["draws"]));
+    EXPECT_TRUE(first["explain"]["weights"].contains("ping"));
+    EXPECT_TRUE(first["nodes"][0].contains("deviation"));
+
+    auto text = run("select " + nodes.string() + " --port " + echoPort_ + " --explain", &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(text.find("score gap: 1000"), std::string::npos) << text;
+    EXPECT_NE(text.find("random draw: within the score gap"), std::string::npos) << text;
 }

@@ -37,6 +37,7 @@ NodeRunResult runSelection(const NodeSelector::Nodes& nodes, std::shared_ptr<Acc
     }
     selector->setPort(options.port);
     selector->setSendDataPrefix(options.prefix);
+    selector->setRandomSeed(options.seed);
     std::optional<Error> bindError;
     if (!selector->createUdpSocketIfHasError(&bindError))
         throw Failure(bindError ? describe(*bindError) : "the probe socket could not be opened");
@@ -46,6 +47,8 @@ NodeRunResult runSelection(const NodeSelector::Nodes& nodes, std::shared_ptr<Acc
     bool reported = false;
     NodeRunResult result;
     result.nodes = nodes;
+    result.config = config;
+    result.port = selector->port();
     std::optional<Error> failure;
     auto onSuccess = [&](const NodeSelector::Nodes& chosen, double d, double l, double dev) {
         std::lock_guard guard(mutex);
@@ -100,6 +103,7 @@ NodeRunResult runSelection(const NodeSelector::Nodes& nodes, std::shared_ptr<Acc
     lock.unlock();
     result.late = selector->lateReplyCount();
     result.duplicates = selector->duplicateReplyCount();
+    result.trace = selector->lastChoiceTrace();
     selector->stop();
     std::lock_guard guard(mutex);
     if (failure)
@@ -181,6 +185,31 @@ nlohmann::ordered_json summaryJson(const NodeRunResult& result) {
     return out;
 }
 
+double deviationOf(const NodeRunResult& result, const AccNode& node) {
+    auto found = result.trace.deviations.find(
+        NodeSelector::constructKeyWithHost(node.safePingServer(), result.port));
+    return found == result.trace.deviations.end() ? 0 : found->second;
+}
+
+nlohmann::ordered_json numberJson(const std::optional<Number>& value) {
+    return value ? nlohmann::ordered_json(value->doubleValue()) : nlohmann::ordered_json();
+}
+
+nlohmann::ordered_json explanationJson(const NodeRunResult& result) {
+    nlohmann::ordered_json out;
+    const auto& config = result.config;
+    out["weights"] = {{"ping", config ? numberJson(config->ping) : nullptr},
+                      {"loss", config ? numberJson(config->loss) : nullptr},
+                      {"loss2", config ? numberJson(config->loss2) : nullptr},
+                      {"loss_scale", config ? numberJson(config->lossScale) : nullptr},
+                      {"load", config ? numberJson(config->load) : nullptr},
+                      {"load_threshold", config ? numberJson(config->loadThreshold) : nullptr},
+                      {"isp", config ? numberJson(config->isp) : nullptr}};
+    out["score_gap"] = numberJson(result.trace.scoreRangeGap);
+    out["draws"] = result.trace.draws;
+    return out;
+}
+
 }  // namespace
 
 nlohmann::ordered_json nodeResultJson(const NodeRunResult& result) {
@@ -194,20 +223,48 @@ nlohmann::ordered_json nodeResultJson(const NodeRunResult& result) {
     return out;
 }
 
-void printNodeResultJson(const NodeRunResult& result) {
+void printNodeResultJson(const NodeRunResult& result, bool explain) {
     // Node by node: a document of ten thousand nodes is not built in memory first.
     std::fputs("{\n  \"nodes\": [", stdout);
     bool first = true;
     for (const auto& node : rankedNodes(result)) {
         std::fputs(first ? "\n    " : ",\n    ", stdout);
-        std::fputs(nodeJson(*node).dump().c_str(), stdout);
+        auto json = nodeJson(*node);
+        if (explain)
+            json["deviation"] = deviationOf(result, *node);
+        std::fputs(json.dump().c_str(), stdout);
         first = false;
     }
     std::fputs(first ? "]" : "\n  ]", stdout);
     auto summary = summaryJson(result);
+    if (explain)
+        summary["explain"] = explanationJson(result);
     for (const auto& [key, value] : summary.items())
         std::printf(",\n  \"%s\": %s", key.c_str(), value.dump().c_str());
     std::fputs("\n}\n", stdout);
+}
+
+void printExplanation(const NodeRunResult& result) {
+    std::printf("\nwhy: each node's score is delay + loss + load + isp points\n");
+    std::printf("%-22s %9s %6s %9s %8s %8s %8s %8s %8s\n", "node", "delay ms", "loss", "dev ms",
+                "delay", "loss", "load", "isp", "total");
+    for (const auto& node : rankedNodes(result)) {
+        std::printf("%-22s %9.3f %5.0f%% %9.2f %8.2f %8.2f %8.2f %8.2f %8.2f\n",
+                    NodeSelector::constructKeyWithHost(node->safePingServer(), result.port).c_str(),
+                    node->delay, node->loss * 100, deviationOf(result, *node), node->delayScore,
+                    node->lossScore, node->loadScore, node->ispScore, node->score());
+    }
+    auto weights = explanationJson(result)["weights"];
+    std::printf("weights:");
+    for (const auto& [name, value] : weights.items())
+        std::printf(" %s %s", name.c_str(), value.dump().c_str());
+    std::printf("\nscore gap: %s\n", result.trace.scoreRangeGap
+                                         ? result.trace.scoreRangeGap->description().c_str()
+                                         : "none (no shuffling within a gap)");
+    if (result.trace.draws.empty())
+        std::printf("random draws: none\n");
+    for (const auto& draw : result.trace.draws)
+        std::printf("random draw: %s\n", draw.c_str());
 }
 
 }  // namespace lmkit::tool

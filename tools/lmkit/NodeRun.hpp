@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,8 +19,11 @@ struct NodeRunResult {
     double delay = 0;
     double loss = 0;
     double deviation = 0;
-    long late = 0;        // replies after the receive time-out: lost for the run
-    long duplicates = 0;  // replies beyond a node's probe count
+    long late = 0;                      // replies after the receive time-out: lost for the run
+    long duplicates = 0;                // replies beyond a node's probe count
+    std::shared_ptr<AccConfig> config;  // the weights the nodes were scored with
+    long port = 0;                      // the probes' destination port
+    NodeSelector::ChoiceTrace trace;    // the score gap and the random draws of the choice
 };
 
 struct NodeRunOptions {
@@ -30,7 +34,8 @@ struct NodeRunOptions {
     double timeout = 0;  // 0: the selector's computed time-outs
     long port = 9999;
     std::string prefix;
-    bool progress = false;  // a live progress line on standard error
+    bool progress = false;              // a live progress line on standard error
+    std::optional<std::uint64_t> seed;  // repeatable draws of the choice
 };
 
 /// Runs one selection and waits for its report; throws Failure with the error's domain and code.
@@ -40,7 +45,10 @@ NodeRunResult runSelection(const NodeSelector::Nodes& nodes, std::shared_ptr<Acc
 /// The ranked table (rank, node, ping server, delays, loss, partial and total scores).
 void printNodeTable(const NodeRunResult& result);
 nlohmann::ordered_json nodeResultJson(const NodeRunResult& result);
-/// The same document, written to standard output node by node.
-void printNodeResultJson(const NodeRunResult& result);
+/// The same document, written to standard output node by node; with `explain`, the choice's
+/// weights, score gap and draws and each node's deviation too.
+void printNodeResultJson(const NodeRunResult& result, bool explain = false);
+/// Why this node: every candidate's terms, the weights, the score gap and the random draws.
+void printExplanation(const NodeRunResult& result);
 
 }  // namespace lmkit::tool

@@ -2,7 +2,9 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <optional>
 
 #include "Command.hpp"
 #include "DataFiles.hpp"
@@ -21,6 +23,8 @@ struct SelectOptions {
     double timeout = 0;
     long port = 9999;
     std::string prefix;
+    bool explain = false;
+    std::optional<std::uint64_t> seed;
 };
 
 // The nodes of an acceleration answer ("acc"), or of a plain array of nodes; the scoring limits
@@ -76,6 +80,11 @@ Command select("select", "Probe the nodes of a service document and rank them",
                    app.add_option("--port", options->port, "Destination port of the probes")
                        ->check(CLI::Range(1, 65535));
                    app.add_option("--prefix", options->prefix, "Text put before every probe");
+                   app.add_flag("--explain", options->explain,
+                                "Show why: every node's terms and partial scores, the weights, "
+                                "the score gap and the random draws of the choice");
+                   app.add_option("--seed", options->seed,
+                                  "Seed of the choice's random draws, to repeat a choice");
                    return [options, &common]() -> int {
                        NodeSelector::Nodes nodes;
                        std::shared_ptr<AccConfig> config;
@@ -97,11 +106,14 @@ Command select("select", "Probe the nodes of a service document and rank them",
                        run.port = options->port;
                        run.prefix = options->prefix;
                        run.progress = !common.json && isatty(STDERR_FILENO);
+                       run.seed = options->seed;
                        auto result = runSelection(nodes, config, run);
                        if (common.json) {
-                           printNodeResultJson(result);
+                           printNodeResultJson(result, options->explain);
                        } else {
                            printNodeTable(result);
+                           if (options->explain)
+                               printExplanation(result);
                        }
                        return 0;
                    };

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -170,11 +171,29 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
 
     // Choosing and logging.
 
+    /// How a run chose among equal and near-equal nodes: the score gap in force and every random
+    /// draw, in order. The same seed and the same scores give the same draws.
+    struct ChoiceTrace {
+        std::optional<Number> scoreRangeGap;
+        std::vector<std::string> draws;
+        /// The deviation of each probe key's delays (the scores do not use it; it explains them).
+        std::unordered_map<std::string, double> deviations;
+    };
+
     /// The nodes to hand back, best first: every node by score in multipath mode; otherwise one
     /// node per address from equal-score buckets, the nodes within `scoreRangeGap` of the best in
     /// random order, nodes scored 0 left out.
     static Nodes chooseBestNodes(const Nodes& nodes, long mode,
                                  const std::optional<Number>& scoreRangeGap);
+    /// The same with the draws taken from `random` and told in `trace` (when given).
+    static Nodes chooseBestNodes(const Nodes& nodes, long mode,
+                                 const std::optional<Number>& scoreRangeGap,
+                                 std::mt19937_64& random, ChoiceTrace* trace);
+
+    /// Makes the draws of the runs' choices repeatable; none (the default) seeds each run afresh.
+    void setRandomSeed(std::optional<std::uint64_t> seed);
+    /// The trace of the last run's choice (empty before one completes).
+    ChoiceTrace lastChoiceTrace() const;
     static void sortAndLogNodes(const Nodes& nodes);
     static void logBestNodes(const Nodes& nodes, std::size_t logCount, bool markPrefix);
 
@@ -211,6 +230,9 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     void recordDelays(std::uint64_t generation, const std::vector<Reply>& replies);
     void computeScoreOfObjectInDelayContainerWithKey(const std::string& key, KeyEntry& entry);
     void finishRun(std::uint64_t generation);
+    /// Adds each key's deviation to `trace` and, at debug level, logs every candidate's terms.
+    void explainChoice(const Nodes& nodes, const std::shared_ptr<AccConfig>& config, long probePort,
+                       ChoiceTrace& trace);
     void callFailureBlockIfNeeded();
     DispatchQueue callbackQueue() const;
 
@@ -266,6 +288,8 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     std::shared_ptr<WeakTimer> sendGroupPacketTimer_;
     double startTime_ = 0;
     double endTime_ = 0;
+    std::optional<std::uint64_t> randomSeed_;
+    ChoiceTrace lastChoiceTrace_;
     // Bumped by every run and by stop(): blocks queued for an earlier run see a different value
     // and do nothing.
     std::uint64_t generation_ = 0;
