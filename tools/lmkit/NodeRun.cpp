@@ -6,6 +6,8 @@
 #include <mutex>
 
 #include "Command.hpp"
+#include "DataFiles.hpp"
+#include "lmkit/models/AccAPIResponseObject.hpp"
 #include "lmkit/platform/DispatchQueue.hpp"
 
 namespace lmkit::tool {
@@ -20,6 +22,35 @@ std::string text(const std::optional<std::string>& value) {
 }
 
 }  // namespace
+
+// The nodes of an acceleration answer ("acc"), or of a plain array of nodes; the scoring limits
+// from "acc_config" when the document has them.
+void readNodeDocument(const std::string& path, NodeSelector::Nodes& nodes,
+                      std::shared_ptr<AccConfig>& config) {
+    auto json = Json::parse(readInput(path, kDefaultMaxInputBytes), nullptr, false);
+    if (json.is_discarded())
+        throw Failure(path + ": not a JSON document");
+    Error error;
+    config = AccConfig::defaultConfig();
+    if (json.is_array()) {
+        auto parsed = JSONAdapter::modelsOfClass<AccNode>(json, &error);
+        if (!parsed)
+            throw Failure(path + ": " + describe(error));
+        nodes = *parsed;
+        return;
+    }
+    auto answer = JSONAdapter::modelOfClass<AccAPIResponseObject>(json, &error);
+    if (!answer)
+        throw Failure(path + ": " + describe(error));
+    if (answer->accNodes)
+        nodes = *answer->accNodes;
+    if (json.is_object() && json.contains("acc_config")) {
+        auto parsed = JSONAdapter::modelOfClass<AccConfig>(json["acc_config"], &error);
+        if (!parsed)
+            throw Failure(path + ": acc_config: " + describe(error));
+        config = parsed;
+    }
+}
 
 NodeRunResult runSelection(const NodeSelector::Nodes& nodes, std::shared_ptr<AccConfig> config,
                            const NodeRunOptions& options) {

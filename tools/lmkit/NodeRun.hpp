@@ -38,6 +38,11 @@ struct NodeRunOptions {
     std::optional<std::uint64_t> seed;  // repeatable draws of the choice
 };
 
+/// The nodes of a service document: an acceleration answer (nodes under "acc", its scoring
+/// limits under "acc_config") or a plain array of nodes. Throws Failure with one line.
+void readNodeDocument(const std::string& path, NodeSelector::Nodes& nodes,
+                      std::shared_ptr<AccConfig>& config);
+
 /// Runs one selection and waits for its report; throws Failure with the error's domain and code.
 NodeRunResult runSelection(const NodeSelector::Nodes& nodes, std::shared_ptr<AccConfig> config,
                            const NodeRunOptions& options);

@@ -27,35 +27,6 @@ struct SelectOptions {
     std::optional<std::uint64_t> seed;
 };
 
-// The nodes of an acceleration answer ("acc"), or of a plain array of nodes; the scoring limits
-// from "acc_config" when the document has them.
-void readDocument(const std::string& path, NodeSelector::Nodes& nodes,
-                  std::shared_ptr<AccConfig>& config) {
-    auto json = Json::parse(readInput(path, kDefaultMaxInputBytes), nullptr, false);
-    if (json.is_discarded())
-        throw Failure(path + ": not a JSON document");
-    Error error;
-    config = AccConfig::defaultConfig();
-    if (json.is_array()) {
-        auto parsed = JSONAdapter::modelsOfClass<AccNode>(json, &error);
-        if (!parsed)
-            throw Failure(path + ": " + describe(error));
-        nodes = *parsed;
-        return;
-    }
-    auto answer = JSONAdapter::modelOfClass<AccAPIResponseObject>(json, &error);
-    if (!answer)
-        throw Failure(path + ": " + describe(error));
-    if (answer->accNodes)
-        nodes = *answer->accNodes;
-    if (json.is_object() && json.contains("acc_config")) {
-        auto parsed = JSONAdapter::modelOfClass<AccConfig>(json["acc_config"], &error);
-        if (!parsed)
-            throw Failure(path + ": acc_config: " + describe(error));
-        config = parsed;
-    }
-}
-
 Command select("select", "Probe the nodes of a service document and rank them",
                [](CLI::App& app, Common& common) {
                    auto options = std::make_shared<SelectOptions>();
@@ -88,7 +59,7 @@ Command select("select", "Probe the nodes of a service document and rank them",
                    return [options, &common]() -> int {
                        NodeSelector::Nodes nodes;
                        std::shared_ptr<AccConfig> config;
-                       readDocument(options->file, nodes, config);
+                       readNodeDocument(options->file, nodes, config);
                        // The document's text and tree are gone; their pages need not stay
                        // resident for the seconds the probing takes.
                        malloc_trim(0);
