@@ -8,6 +8,7 @@ function(lmkit_area name)
   if(sources)
     add_library(${target} STATIC ${sources})
     target_compile_options(${target} PRIVATE -Wall -Wextra)
+    target_precompile_headers(${target} PRIVATE ${LMKIT_PRECOMPILED_HEADERS})
     target_include_directories(${target}
       PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:include>
       PRIVATE ${PROJECT_SOURCE_DIR}/src)

@@ -1,0 +1,1 @@
+// The translation unit that owns the test programs' precompiled header (see tests/CMakeLists.txt).
