@@ -7,7 +7,7 @@ find_package(OpenSSL 3 REQUIRED)
 find_package(ZLIB REQUIRED)
 find_package(SQLite3 REQUIRED)
 find_package(PkgConfig REQUIRED)
-pkg_check_modules(RE2 REQUIRED IMPORTED_TARGET re2)
+find_package(ICU REQUIRED COMPONENTS uc i18n)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 
 # Standalone Asio ships headers only and no CMake package.

@@ -5,27 +5,25 @@
 #include <string>
 #include <string_view>
 
-namespace re2 {
-class RE2;
-}
-
 namespace lmkit {
 
-/// A compiled, case-insensitive regular expression. Patterns come from the service, so they are
-/// compiled with RE2: matching time stays linear in the text whatever the pattern is, and
-/// constructs that would need backtracking (back-references, look-around) do not compile.
-/// Copies share the compiled program, which is immutable and safe to use from any thread.
+/// A compiled, case-insensitive regular expression. Patterns come from the service and are
+/// written for ICU's dialect (look-around, back-references, \Z, bounded repeats), so they are
+/// compiled with ICU. Every match runs under a time limit: a pattern that would backtrack for
+/// ever gives up and counts as no match, so no rule can stall the tunnel.
+/// Copies share the compiled program; matching is safe from any thread.
 class RegularExpression {
   public:
     RegularExpression() = default;
 
-    /// The compiled pattern, or nil when it does not compile.
+    /// The compiled pattern, or nil (with a log line naming it) when it does not compile.
     static std::optional<RegularExpression> compile(std::string_view pattern);
 
     /// The pattern the expression was compiled from (empty for a default-constructed one).
     const std::string& pattern() const;
 
-    /// True when the expression matches somewhere in `text`; nil text never matches.
+    /// True when the expression matches somewhere in `text`; nil text never matches, nor does
+    /// a match that runs out of time.
     bool matchInString(const std::optional<std::string>& text) const;
     bool matchInString(std::string_view text) const;
     bool matchInString(const std::string& text) const {
@@ -38,7 +36,8 @@ class RegularExpression {
     bool operator==(const RegularExpression& other) const { return pattern() == other.pattern(); }
 
   private:
-    std::shared_ptr<const re2::RE2> re_;
+    class Program;
+    std::shared_ptr<Program> program_;
 };
 
 }  // namespace lmkit
