@@ -9,6 +9,8 @@ find_package(SQLite3 REQUIRED)
 find_package(PkgConfig REQUIRED)
 find_package(ICU REQUIRED COMPONENTS uc i18n)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+# sd-bus: carrier, radio and Wi-Fi facts from ModemManager and NetworkManager over D-Bus.
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 
 # Standalone Asio ships headers only and no CMake package.
 find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
