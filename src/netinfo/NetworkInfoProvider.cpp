@@ -36,6 +36,7 @@ NetworkInfoProvider& NetworkInfoProvider::sharedProvider() {
         connectCarrierTypeCodeToNodes();
         Sources sources;
         sources.naming = InterfaceNaming::fromEnvironment();
+        sources.systemServices = true;
         return new NetworkInfoProvider(std::move(sources));
     }();
     return *provider;
@@ -48,7 +49,12 @@ void NetworkInfoProvider::connectCarrierTypeCodeToNodes() {
     });
 }
 
-NetworkInfoProvider::NetworkInfoProvider() : NetworkInfoProvider(Sources{}) {}
+NetworkInfoProvider::NetworkInfoProvider()
+    : NetworkInfoProvider([] {
+          Sources sources;
+          sources.systemServices = true;
+          return sources;
+      }()) {}
 
 NetworkInfoProvider::NetworkInfoProvider(Sources sources)
     : interfaces_(std::move(sources.interfaces)),
@@ -61,10 +67,14 @@ NetworkInfoProvider::NetworkInfoProvider(Sources sources)
       notifierQueue_(DispatchQueue::serial("com.networkinfoprovider." + pointerText(this))) {
     if (!reachability_)
         reachability_ = std::make_shared<Reachability>(interfaces_, naming_);
-    if (!telephony_)
-        telephony_ = std::make_shared<TelephonyNetworkInfo>();
-    if (!captive_)
-        captive_ = std::make_shared<CaptiveNetwork>();
+    if (!telephony_) {
+        telephony_ = sources.systemServices ? TelephonyNetworkInfo::fromModemManager()
+                                            : std::make_shared<TelephonyNetworkInfo>();
+    }
+    if (!captive_) {
+        captive_ = sources.systemServices ? CaptiveNetwork::fromNetworkManager()
+                                          : std::make_shared<CaptiveNetwork>();
+    }
     lastNetworkType_ = checkCurrentNetworkType();
     if (sources.watchChanges) {
         watching_ = true;

@@ -1,13 +1,106 @@
 #include "lmkit/netinfo/TelephonyNetworkInfo.hpp"
 
+#include <algorithm>
 #include <charconv>
+
+#include "netinfo/CachedReading.hpp"
 
 namespace lmkit {
 
 namespace {
 // Per-service tables (several SIMs) replaced the single provider in this version.
 constexpr int kPerServiceMajor = 13;
+// A mobile country code always has three digits; the network code that follows has two or three.
+constexpr size_t kCountryCodeLength = 3;
+
+bool isOperatorCode(const std::string& code) {
+    return code.size() >= kCountryCodeLength + 2 && code.size() <= kCountryCodeLength + 3 &&
+           std::all_of(code.begin(), code.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+std::optional<CarrierInfo> providerOfModem(const ModemFacts& modem) {
+    std::optional<std::string> code;
+    if (modem.simOperatorCode && isOperatorCode(*modem.simOperatorCode))
+        code = modem.simOperatorCode;
+    else if (modem.operatorCode && isOperatorCode(*modem.operatorCode))
+        code = modem.operatorCode;
+    auto name = modem.simOperatorName ? modem.simOperatorName : modem.operatorName;
+    if (!code && !name)
+        return std::nullopt;
+    CarrierInfo info;
+    info.carrierName = name;
+    if (code) {
+        info.mobileCountryCode = code->substr(0, kCountryCodeLength);
+        info.mobileNetworkCode = code->substr(kCountryCodeLength);
+    }
+    return info;
+}
 }  // namespace
+
+std::optional<std::string> radioAccessTechnologyOfModem(uint32_t bits) {
+    // Most capable first: a modem reports every technology in use at once.
+    if (bits & ModemAccessTechnology5GNR) {
+        return (bits & ModemAccessTechnologyLTE) ? kRadioAccessTechnologyNRNSA
+                                                 : kRadioAccessTechnologyNR;
+    }
+    static constexpr std::pair<uint32_t, const char*> kOrder[] = {
+        {ModemAccessTechnologyLTE | ModemAccessTechnologyLTECatM | ModemAccessTechnologyLTENBIoT,
+         kRadioAccessTechnologyLTE},
+        {ModemAccessTechnologyEVDOB, kRadioAccessTechnologyCDMAEVDORevB},
+        {ModemAccessTechnologyEVDOA, kRadioAccessTechnologyCDMAEVDORevA},
+        {ModemAccessTechnologyEVDO0, kRadioAccessTechnologyCDMAEVDORev0},
+        // The telephony texts have no HSPA or HSPA+: downlink speed is what they name.
+        {ModemAccessTechnologyHSPAPlus | ModemAccessTechnologyHSPA | ModemAccessTechnologyHSDPA,
+         kRadioAccessTechnologyHSDPA},
+        {ModemAccessTechnologyHSUPA, kRadioAccessTechnologyHSUPA},
+        {ModemAccessTechnologyUMTS, kRadioAccessTechnologyWCDMA},
+        {ModemAccessTechnology1xRTT, kRadioAccessTechnologyCDMA1x},
+        {ModemAccessTechnologyEDGE, kRadioAccessTechnologyEdge},
+        {ModemAccessTechnologyGPRS | ModemAccessTechnologyGSM | ModemAccessTechnologyGSMCompact,
+         kRadioAccessTechnologyGPRS},
+    };
+    for (const auto& [mask, text] : kOrder) {
+        if (bits & mask)
+            return text;
+    }
+    return std::nullopt;
+}
+
+SystemCellularFacts cellularFactsOfModems(const std::vector<ModemFacts>& modems) {
+    if (modems.empty())
+        return {};
+    auto data = std::find_if(modems.begin(), modems.end(),
+                             [](const ModemFacts& m) { return m.accessTechnologies != 0; });
+    if (data == modems.end()) {
+        data = std::find_if(modems.begin(), modems.end(), [](const ModemFacts& m) {
+            return m.operatorCode || m.simOperatorCode;
+        });
+    }
+    if (data == modems.end())
+        data = modems.begin();
+    return {providerOfModem(*data), radioAccessTechnologyOfModem(data->accessTechnologies)};
+}
+
+TelephonyNetworkInfo::TelephonyNetworkInfo(SystemSource source, std::string serviceName)
+    : systemSource_(std::move(source)), serviceName_(std::move(serviceName)) {}
+
+std::shared_ptr<TelephonyNetworkInfo> TelephonyNetworkInfo::fromModemManager(
+    std::chrono::milliseconds maxAge) {
+    auto read = []() -> std::optional<SystemCellularFacts> {
+        auto modems = SystemNetworkFacts::modems();
+        if (!modems)
+            return std::nullopt;
+        return cellularFactsOfModems(*modems);
+    };
+    return std::make_shared<TelephonyNetworkInfo>(
+        detail::cachedReading<SystemCellularFacts>(read, maxAge), kModemManagerService);
+}
+
+std::optional<std::string> TelephonyNetworkInfo::answeringService() const {
+    if (systemSource_ && systemSource_())
+        return serviceName_;
+    return std::nullopt;
+}
 
 std::optional<OSVersion> OSVersion::parse(const std::string& text) {
     OSVersion version;
@@ -44,20 +137,39 @@ void TelephonyNetworkInfo::setServiceSubscriberCellularProviders(
     std::map<std::string, CarrierInfo> providers) {
     std::lock_guard lock(mutex_);
     providers_ = std::move(providers);
+    providersSet_ = true;
 }
 
 void TelephonyNetworkInfo::setServiceCurrentRadioAccessTechnology(
     std::map<std::string, std::string> technologies) {
     std::lock_guard lock(mutex_);
     technologies_ = std::move(technologies);
+    technologiesSet_ = true;
 }
 
 void TelephonyNetworkInfo::setSubscriberCellularProvider(std::optional<CarrierInfo> provider) {
     std::lock_guard lock(mutex_);
     subscriberProvider_ = std::move(provider);
+    providersSet_ = true;
 }
 
 std::optional<CarrierInfo> TelephonyNetworkInfo::currentSubscriberCellularProvider() const {
+    if (systemSource_) {
+        bool set;
+        {
+            std::lock_guard lock(mutex_);
+            set = providersSet_;
+        }
+        if (!set) {
+            // Asked without the lock: a reading may take up to the service's time-out.
+            if (auto facts = systemSource_())
+                return facts->provider;
+        }
+    }
+    return setProvider();
+}
+
+std::optional<CarrierInfo> TelephonyNetworkInfo::setProvider() const {
     std::lock_guard lock(mutex_);
     if (!version_.isAtLeast(kPerServiceMajor, 0))
         return subscriberProvider_;
@@ -70,6 +182,21 @@ std::optional<CarrierInfo> TelephonyNetworkInfo::currentSubscriberCellularProvid
 }
 
 std::optional<std::string> TelephonyNetworkInfo::compatibleCurrentRadioAccessTechnology() const {
+    if (systemSource_) {
+        bool set;
+        {
+            std::lock_guard lock(mutex_);
+            set = technologiesSet_;
+        }
+        if (!set) {
+            if (auto facts = systemSource_())
+                return facts->radioAccessTechnology;
+        }
+    }
+    return setRadioAccessTechnology();
+}
+
+std::optional<std::string> TelephonyNetworkInfo::setRadioAccessTechnology() const {
     std::lock_guard lock(mutex_);
     if (technologies_.empty())
         return std::nullopt;

@@ -37,7 +37,8 @@ enum Carrier : int { CarrierUnknown = 0, CarrierTelecom = 1, CarrierMobile = 2, 
 
 /// Facts about the device's network: its type, the carrier, interfaces and addresses, the current
 /// Wi-Fi. Telephony, captive Wi-Fi and reachability come from the objects it holds, which can be
-/// set; interfaces are read from the system (or the given source) on every call.
+/// set and, with Sources::systemServices, also read the system's modem and network services;
+/// interfaces are read from the system (or the given source) on every call.
 class NetworkInfoProvider {
   public:
     static constexpr const char* kNetworkStatusDidChangeNotification =
@@ -52,9 +53,12 @@ class NetworkInfoProvider {
     struct Sources {
         InterfaceSource interfaces = interfaceAddresses;
         InterfaceNaming naming = InterfaceNaming::platformNames();
-        std::shared_ptr<Reachability> reachability;        // made from the two above if null
-        std::shared_ptr<TelephonyNetworkInfo> telephony;   // made empty if null
-        std::shared_ptr<CaptiveNetwork> captiveNetwork;    // made empty if null
+        std::shared_ptr<Reachability> reachability;       // made from the two above if null
+        std::shared_ptr<TelephonyNetworkInfo> telephony;  // made here if null
+        std::shared_ptr<CaptiveNetwork> captiveNetwork;   // made here if null
+        // Whether the telephony and captive-network objects made here read ModemManager and
+        // NetworkManager for what is not set; without, they hold only what is set.
+        bool systemServices = false;
         NotificationCenter* notificationCenter = nullptr;  // the default centre if null
         bool watchChanges = true;  // start the reachability notifier (status notifications)
     };
@@ -67,7 +71,7 @@ class NetworkInfoProvider {
     /// nothing. The shared provider itself is made only when a code is first asked for.
     static void connectCarrierTypeCodeToNodes();
 
-    /// A provider over the system's sources.
+    /// A provider over the system's sources, system services included.
     NetworkInfoProvider();
     explicit NetworkInfoProvider(Sources sources);
     /// Stops the reachability notifier.
