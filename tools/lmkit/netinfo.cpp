@@ -1,6 +1,8 @@
-// lmkit netinfo: interfaces, addresses, Wi-Fi and cellular validity, network type and carrier.
+// lmkit netinfo: interfaces, addresses, Wi-Fi and cellular validity, network type, carrier and
+// Wi-Fi network, each fact with the source that answered it.
 #include <cstdio>
 #include <map>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -28,13 +30,31 @@ std::string orDash(const std::optional<std::string>& text) {
     return text ? *text : "-";
 }
 
+/// Names where a fact came from: the options that set it, else the system service that answered,
+/// else the in-memory facts (which hold nothing unless set).
+std::string sourceText(bool setByOptions, const std::string& options,
+                       const std::optional<std::string>& service) {
+    if (setByOptions)
+        return "set (" + options + ")";
+    return service ? *service : "none (stub)";
+}
+
+std::string shortRadioText(const std::optional<std::string>& technology) {
+    constexpr std::string_view kPrefix = "CTRadioAccessTechnology";
+    if (!technology)
+        return "-";
+    return technology->rfind(kPrefix, 0) == 0 ? technology->substr(kPrefix.size()) : *technology;
+}
+
 /// Accepts a short technology name ("LTE") as well as the telephony service's full text.
 std::string radioText(const std::string& name) {
     return name.rfind("CTRadioAccessTechnology", 0) == 0 ? name : "CTRadioAccessTechnology" + name;
 }
 
 Command netinfo(
-    "netinfo", "Show interfaces, addresses, Wi-Fi/cellular validity, network type and carrier",
+    "netinfo",
+    "Show interfaces, addresses, Wi-Fi/cellular validity, network type, carrier and Wi-Fi network "
+    "(from ModemManager and NetworkManager where they run)",
     [](CLI::App& app, Common& common) {
         auto options = std::make_shared<NetinfoOptions>();
         app.add_flag("--json", common.json, "Print data as JSON");
@@ -52,6 +72,7 @@ Command netinfo(
             NetworkInfoProvider::Sources sources;
             sources.naming = naming;
             sources.watchChanges = false;
+            sources.systemServices = true;
             NetworkInfoProvider provider(sources);
             auto& telephony = provider.networkInfo();
             if (!options->osVersion.empty()) {
@@ -79,6 +100,17 @@ Command netinfo(
             auto status = monitor.getInterfaceInfo();
             auto interfaces = provider.interfaceInfos();
             int type = provider.currentNetworkType();
+            const bool carrierSet = !options->mcc.empty() || !options->mnc.empty();
+            const bool radioSet = !options->radio.empty();
+            auto cellularService = telephony.answeringService();
+            const std::string carrierSource =
+                sourceText(carrierSet, "--mcc/--mnc", cellularService);
+            const std::string radioSource = sourceText(radioSet, "--radio", cellularService);
+            const std::string wifiSource =
+                sourceText(false, "", provider.captiveNetwork().answeringService());
+            auto wifi = provider.wifiSSIDInfo();
+            std::optional<std::string> ssid = wifi ? wifi->ssid : std::nullopt;
+            std::optional<std::string> bssid = wifi ? wifi->bssid : std::nullopt;
 
             if (common.json) {
                 nlohmann::ordered_json list = nlohmann::ordered_json::array();
@@ -97,11 +129,20 @@ Command netinfo(
                     {"networkTypeString",
                      orNull(NetworkInfoProvider::getNetworkTypeStringWithType(type))},
                     {"radioAccessTechnology", orNull(provider.currentRadioAccessTechnology())},
+                    {"radioSource", radioSource},
                     {"carrier", provider.carrier()},
                     {"carrierNameString", provider.carrierNameString()},
+                    {"carrierName", orNull(provider.carrierName())},
                     {"carrierTypeCode", orNull(provider.carrierTypeCode())},
+                    {"carrierSource", carrierSource},
+                    {"ssid", orNull(ssid)},
+                    {"bssid", orNull(bssid)},
+                    {"wifiSource", wifiSource},
                     {"receiveTimestamps", UdpSocket::receiveTimestampSource()}};
-                std::printf("%s\n", out.dump(2).c_str());
+                // An SSID is bytes, not always UTF-8: such bytes print as U+FFFD.
+                std::printf("%s\n", out.dump(2, ' ', false,
+                                             nlohmann::ordered_json::error_handler_t::replace)
+                                        .c_str());
                 return 0;
             }
             std::printf("%-12s %s\n", "INTERFACE", "ADDRESSES");
@@ -119,8 +160,13 @@ Command netinfo(
             std::printf("Network   %s (%d)\n",
                         orDash(NetworkInfoProvider::getNetworkTypeStringWithType(type)).c_str(),
                         type);
-            std::printf("Carrier   %s (%s)\n", provider.carrierNameString().c_str(),
-                        orDash(provider.carrierTypeCode()).c_str());
+            std::printf("Radio     %s  [%s]\n",
+                        shortRadioText(provider.currentRadioAccessTechnology()).c_str(),
+                        radioSource.c_str());
+            std::printf("Carrier   %s (%s)  [%s]\n", provider.carrierNameString().c_str(),
+                        orDash(provider.carrierTypeCode()).c_str(), carrierSource.c_str());
+            std::printf("SSID      %s (%s)  [%s]\n", orDash(ssid).c_str(), orDash(bssid).c_str(),
+                        wifiSource.c_str());
             // Where the measuring classes take a reply's arrival time from.
             std::printf("Receive timestamps  %s\n", UdpSocket::receiveTimestampSource().c_str());
             return 0;
