@@ -8,6 +8,7 @@ find_package(ZLIB REQUIRED)
 find_package(SQLite3 REQUIRED)
 find_package(PkgConfig REQUIRED)
 find_package(ICU REQUIRED COMPONENTS uc i18n)
+pkg_check_modules(RE2 REQUIRED IMPORTED_TARGET re2)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 # sd-bus: carrier, radio and Wi-Fi facts from ModemManager and NetworkManager over D-Bus.
 pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)

@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
-
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/models/CollectionHelpers.hpp"
 #include "lmkit/models/Transformers.hpp"
@@ -274,35 +271,6 @@ TEST(Transformers, UrlsAndRegularExpressions) {
     // A pattern that backtracks for ever gives up at its time limit and does not match.
     auto evil = RegularExpression::compile("(a+)+$");
     EXPECT_FALSE(evil->matchInString(std::string(100000, 'a') + "!"));
-}
-
-TEST(Transformers, ServiceRulesCompileInTheirOwnDialect) {
-    // Look-around, \Z, named groups and wide bounds: the rules the service writes.
-    auto notWww = RegularExpression::compile(R"((?<!www)\.example\.com\Z)");
-    ASSERT_TRUE(notWww);
-    EXPECT_TRUE(notWww->matchInString("cdn.EXAMPLE.com"));
-    EXPECT_FALSE(notWww->matchInString("www.example.com"));
-    auto named = RegularExpression::compile(R"(^(?<sub>[a-z]{2,1001})\.ads\.(?=net$))");
-    ASSERT_TRUE(named);
-    EXPECT_TRUE(named->matchInString("tr.ads.net"));
-    EXPECT_FALSE(named->matchInString("tr.ads.org"));
-    // Non-ASCII text and invalid UTF-8 are matched, not refused.
-    auto accented = RegularExpression::compile("café");
-    EXPECT_TRUE(accented->matchInString("CAFÉ.example"));
-    EXPECT_TRUE(RegularExpression::compile("x")->matchInString("\xff\xfex"));
-    // One expression used from several threads at once.
-    auto rule = *RegularExpression::compile(R"((^|\.)ads\d+\.example\.com$)");
-    std::atomic<int> matched{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 500; ++i)
-                matched += rule.matchInString("img.ads" + std::to_string(i * 4 + t) +
-                                              ".example.com");
-        });
-    for (auto& thread : threads)
-        thread.join();
-    EXPECT_EQ(matched, 2000);
 }
 
 TEST(CollectionHelpers, AverageAndDeviation) {
