@@ -363,7 +363,11 @@ TEST_F(BoostEffectItemTest, CellularToWiFiStopsTheTestersAndEveryChangeIsPassedO
     EXPECT_EQ(capture.count("Network switched from Cellular to Wi-Fi"), 1u);
     EXPECT_EQ(fake_.networkChangeMessages, before + 3);
 
+    // A block of the item's own still in flight may hold it a moment longer: once it is gone,
+    // no change reaches it.
+    std::weak_ptr gone = item;
     item.reset();
+    ASSERT_TRUE(testing::waitFor([&] { return gone.expired(); }, 5));
     post(1, 4);
     EXPECT_EQ(fake_.networkChangeMessages, before + 3);
 }

@@ -21,21 +21,21 @@ struct DecodeOptions {
     std::uint64_t maxBytes = kDefaultMaxInputBytes;
 };
 
-// The value at a dotted key path of an encoded record; null when the path is absent.
-Json valueAt(const Json& json, const std::string& keyPath) {
-    const Json* current = &json;
+// The value at a dotted key path of an encoded record; nullptr when the path is absent.
+Json* valueAt(Json& json, const std::string& keyPath) {
+    Json* current = &json;
     std::size_t start = 0;
     while (true) {
         auto dot = keyPath.find('.', start);
         auto key = keyPath.substr(start, dot == std::string::npos ? dot : dot - start);
         if (!current->is_object())
-            return Json();
+            return nullptr;
         auto next = current->find(key);
         if (next == current->end())
-            return Json();
+            return nullptr;
         current = &*next;
         if (dot == std::string::npos)
-            return *current;
+            return current;
         start = dot + 1;
     }
 }
@@ -78,29 +78,54 @@ Command decode(
             if (!type)
                 throw Failure(fmt::format("unknown record type \"{}\" (see lmkit decode --list)",
                                           options->type));
-            const Data input = readInput(options->input, options->maxBytes, "--max-bytes");
-            Json json = Json::parse(input.begin(), input.end(), nullptr, false);
+            // A large document is held in three forms one after another (text, parsed, record,
+            // then the record's JSON form): each is released as soon as the next exists, so the
+            // peak is two of them, never four.
+            Json json;
+            {
+                const Data input = readInput(options->input, options->maxBytes, "--max-bytes");
+                json = Json::parse(input.begin(), input.end(), nullptr, false);
+            }
             if (json.is_discarded())
                 throw Failure(fmt::format("{}: the input is not valid JSON", options->type));
             Error error;
             auto record = type->decode(json, &error);
             if (!record)
                 throw Failure(fmt::format("{}: {}", options->type, error.localizedDescription()));
-            auto encoded = record->toJSONDictionary();
-            if (!encoded)
-                throw Failure(fmt::format("{}: the record has no JSON form", options->type));
-
-            Json properties = Json::object();
+            const auto all = type->properties();
             std::set<std::string> paths;
-            for (const auto& property : type->properties()) {
-                properties[property.name] = valueAt(*encoded, property.keyPath);
+            for (const auto& property : all)
                 paths.insert(property.keyPath);
-            }
+            std::vector<std::string> ignored;
+            collectIgnored(json, "", paths, ignored);
+            json = Json();
+
             Json otherKind = Json::object();
             for (const auto& [name, value] : record->valuesOfOtherKind())
                 otherKind[name] = value;
-            std::vector<std::string> ignored;
-            collectIgnored(json, "", paths, ignored);
+            auto encoded = record->toJSONDictionary();
+            record.reset();
+            if (!encoded)
+                throw Failure(fmt::format("{}: the record has no JSON form", options->type));
+            // The properties take their values out of the record's JSON form, which is not
+            // needed afterwards; a value that another property also reads (the same key, or a
+            // key inside it) is copied instead.
+            std::multiset<std::string> readPaths;
+            for (const auto& property : all)
+                readPaths.insert(property.keyPath);
+            Json properties = Json::object();
+            for (const auto& property : all) {
+                Json* value = valueAt(*encoded, property.keyPath);
+                auto inside = readPaths.lower_bound(property.keyPath + ".");
+                bool shared = readPaths.count(property.keyPath) > 1 ||
+                              (inside != readPaths.end() &&
+                               inside->rfind(property.keyPath + ".", 0) == 0);
+                if (!value)
+                    properties[property.name] = Json();
+                else
+                    properties[property.name] = shared ? *value : std::move(*value);
+            }
+            encoded.reset();
 
             if (common.json) {
                 Json out{{"type", type->name},
