@@ -101,8 +101,8 @@ ToolRun decodeWithTool(const char* tool, const std::string& file) {
 }
 
 void largeDocument(const char* tool) {
-    // About 144,000 nodes make 60 MB.
-    const std::string text = answerText(144000);
+    // About 160,000 nodes make 60 MB.
+    const std::string text = answerText(160000);
     char path[] = "/tmp/lmkit-bench-answer-XXXXXX";
     int fd = mkstemp(path);
     if (fd < 0 || ::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
