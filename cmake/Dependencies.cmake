@@ -1,4 +1,7 @@
 # Every dependency is a Debian package installed by scripts/setup.
+# -pthread on every target alike: a precompiled header is used only with the flags it was made
+# with, and some packages (RE2) bring -pthread into the targets that link them.
+set(THREADS_PREFER_PTHREAD_FLAG ON)
 find_package(Threads REQUIRED)
 find_package(fmt REQUIRED)
 find_package(spdlog REQUIRED)
