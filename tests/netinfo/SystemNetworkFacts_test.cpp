@@ -264,11 +264,11 @@ TEST_F(SystemNetworkFactsTest, AHungServiceCostsOneTimeOutPerReading) {
     EXPECT_EQ(telephony->compatibleCurrentRadioAccessTechnology(), std::nullopt);
     double first = secondsSince(start);
     EXPECT_GE(first, 0.4);
-    EXPECT_LT(first, 1.2);
+    EXPECT_LT(first, 3.0);  // one time-out, with room for a loaded or instrumented build
     // The failed reading stands too, so the next questions do not wait again.
     EXPECT_EQ(telephony->currentSubscriberCellularProvider(), std::nullopt);
     EXPECT_EQ(telephony->answeringService(), std::nullopt);
-    EXPECT_LT(secondsSince(start) - first, 0.1);
+    EXPECT_LT(secondsSince(start) - first, 0.4);  // less than another time-out
 }
 
 TEST(ModemAccessTechnology, MostCapableTechnologyNamesTheRadio) {
