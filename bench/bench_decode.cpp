@@ -2,9 +2,9 @@
 // against a bare JSON parse and dump of the same text. Prints the ratios (targets: at most 2.5).
 // Given the tool (argv[1]), also times `lmkit decode` on a 60 MB answer and reads its peak RSS.
 
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,18 +57,6 @@ std::string answerText(int count = kNodes) {
     return answer.dump();
 }
 
-template <class F>
-double bestSeconds(F&& f) {
-    double best = 1e9;
-    for (int round = 0; round < kRounds; ++round) {
-        auto start = std::chrono::steady_clock::now();
-        f();
-        std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-        best = std::min(best, elapsed.count());
-    }
-    return best;
-}
-
 struct ToolRun {
     bool ok = false;
     double seconds = 0;
@@ -83,7 +71,7 @@ ToolRun decodeWithTool(const char* tool, const std::string& file) {
     posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
     std::string type = "AccAPIResponseObject", maxBytes = "--max-bytes=200000000";
     std::string decode = "decode";
-    char* argv[] = {const_cast<char*>(tool), decode.data(), type.data(),
+    char* argv[] = {const_cast<char*>(tool),         decode.data(),   type.data(),
                     const_cast<char*>(file.c_str()), maxBytes.data(), nullptr};
     ToolRun run;
     pid_t pid = 0;
@@ -111,7 +99,7 @@ void largeDocument(const char* tool) {
         return;
     }
     ::close(fd);
-    double parse = bestSeconds([&] { (void)lmkit::Json::parse(text).size(); });
+    double parse = bench::bestSeconds(kRounds, [&] { (void)lmkit::Json::parse(text).size(); });
     std::vector<ToolRun> runs;
     for (int i = 0; i < 5; ++i)
         runs.push_back(decodeWithTool(tool, path));
@@ -124,8 +112,9 @@ void largeDocument(const char* tool) {
         bench::gAllMet = false;
         return;
     }
-    std::printf("60 MB answer (%.1f MB): lmkit decode %.2f s, peak RSS %.0f MB; bare parse %.2f s\n",
-                text.size() / 1e6, median.seconds, median.peakMegabytes, parse);
+    std::printf(
+        "60 MB answer (%.1f MB): lmkit decode %.2f s, peak RSS %.0f MB; bare parse %.2f s\n",
+        text.size() / 1e6, median.seconds, median.peakMegabytes, parse);
     char measured[96];
     std::snprintf(measured, sizeof measured, "%.2f s (bare parse %.2f s)", median.seconds, parse);
     bench::result("lmkit decode of a 60 MB node document", "<= 2 s", measured,
@@ -141,8 +130,8 @@ int main(int argc, char** argv) {
     const std::string text = answerText();
     std::size_t sink = 0;
 
-    double parse = bestSeconds([&] { sink += lmkit::Json::parse(text).size(); });
-    double decode = bestSeconds([&] {
+    double parse = bench::bestSeconds(kRounds, [&] { sink += lmkit::Json::parse(text).size(); });
+    double decode = bench::bestSeconds(kRounds, [&] {
         auto answer =
             lmkit::JSONAdapter::modelOfClass<lmkit::AccAPIResponseObject>(lmkit::Json::parse(text));
         sink += answer ? answer->accNodes->size() : 0;
@@ -154,8 +143,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "decode failed\n");
         return 1;
     }
-    double dump = bestSeconds([&] { sink += parsed.dump().size(); });
-    double encode = bestSeconds([&] { sink += answer->toJSONDictionary()->dump().size(); });
+    double dump = bench::bestSeconds(kRounds, [&] { sink += parsed.dump().size(); });
+    double encode =
+        bench::bestSeconds(kRounds, [&] { sink += answer->toJSONDictionary()->dump().size(); });
 
     std::printf("answer of %d nodes, %zu bytes\n", kNodes, text.size());
     std::printf("parse %.1f ms, parse+decode %.1f ms, ratio %.2f (target <= 2.5)\n", parse * 1e3,

@@ -28,18 +28,18 @@ std::vector<std::string> rules() {
     std::vector<std::string> patterns;
     for (int i = 0; i < kRules; ++i) {
         switch (i % 4) {
-        case 0:
-            patterns.push_back("(^|\\.)ads" + std::to_string(i) + "\\.example\\.com$");
-            break;
-        case 1:
-            patterns.push_back("^(www\\.)?tracker-" + std::to_string(i) + "\\.(net|org)$");
-            break;
-        case 2:
-            patterns.push_back("cdn[0-9]{1,3}\\.game" + std::to_string(i) + "\\.cn$");
-            break;
-        default:
-            patterns.push_back("^[a-z0-9-]+\\.metrics" + std::to_string(i) + "\\.io$");
-            break;
+            case 0:
+                patterns.push_back("(^|\\.)ads" + std::to_string(i) + "\\.example\\.com$");
+                break;
+            case 1:
+                patterns.push_back("^(www\\.)?tracker-" + std::to_string(i) + "\\.(net|org)$");
+                break;
+            case 2:
+                patterns.push_back("cdn[0-9]{1,3}\\.game" + std::to_string(i) + "\\.cn$");
+                break;
+            default:
+                patterns.push_back("^[a-z0-9-]+\\.metrics" + std::to_string(i) + "\\.io$");
+                break;
         }
     }
     return patterns;
@@ -50,36 +50,26 @@ std::vector<std::string> hosts() {
     for (int i = 0; i < kHosts; ++i) {
         int n = i % (kRules * 2);
         switch (i % 5) {
-        case 0:
-            names.push_back("img.ads" + std::to_string(n) + ".example.com");
-            break;
-        case 1:
-            names.push_back("www.tracker-" + std::to_string(n) + ".net");
-            break;
-        case 2:
-            names.push_back("cdn" + std::to_string(i % 999) + ".game" + std::to_string(n) + ".cn");
-            break;
-        case 3:
-            names.push_back("login.battle-server-" + std::to_string(i) + ".example.org");
-            break;
-        default:
-            names.push_back("api-" + std::to_string(i) + ".metrics" + std::to_string(n) + ".io");
-            break;
+            case 0:
+                names.push_back("img.ads" + std::to_string(n) + ".example.com");
+                break;
+            case 1:
+                names.push_back("www.tracker-" + std::to_string(n) + ".net");
+                break;
+            case 2:
+                names.push_back("cdn" + std::to_string(i % 999) + ".game" + std::to_string(n) +
+                                ".cn");
+                break;
+            case 3:
+                names.push_back("login.battle-server-" + std::to_string(i) + ".example.org");
+                break;
+            default:
+                names.push_back("api-" + std::to_string(i) + ".metrics" + std::to_string(n) +
+                                ".io");
+                break;
         }
     }
     return names;
-}
-
-template <class F>
-double bestSeconds(F&& f) {
-    double best = 1e9;
-    for (int round = 0; round < kRounds; ++round) {
-        auto start = std::chrono::steady_clock::now();
-        f();
-        std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-        best = std::min(best, elapsed.count());
-    }
-    return best;
 }
 
 }  // namespace
@@ -100,13 +90,13 @@ int main() {
 
     // The black-list check: the first rule that matches decides.
     int kitMatches = 0, baselineMatches = 0;
-    double kitSeconds = bestSeconds([&] {
+    double kitSeconds = bench::bestSeconds(kRounds, [&] {
         kitMatches = 0;
         for (const auto& name : names)
             kitMatches += std::any_of(kit.begin(), kit.end(),
                                       [&](const auto& re) { return re.matchInString(name); });
     });
-    double baselineSeconds = bestSeconds([&] {
+    double baselineSeconds = bench::bestSeconds(kRounds, [&] {
         baselineMatches = 0;
         for (const auto& name : names)
             baselineMatches += std::any_of(baseline.begin(), baseline.end(), [&](const auto& re) {
@@ -119,8 +109,8 @@ int main() {
         return 1;
     }
     const double checks = double(kRules) * kHosts;
-    std::printf("%d host names against %d rules, %d matched: kit %.1f ms, RE2 %.1f ms\n",
-                kHosts, kRules, kitMatches, kitSeconds * 1e3, baselineSeconds * 1e3);
+    std::printf("%d host names against %d rules, %d matched: kit %.1f ms, RE2 %.1f ms\n", kHosts,
+                kRules, kitMatches, kitSeconds * 1e3, baselineSeconds * 1e3);
     std::printf("per rule check: kit %.0f ns, RE2 %.0f ns\n", kitSeconds / checks * 1e9,
                 baselineSeconds / checks * 1e9);
     char measured[64];

@@ -37,7 +37,8 @@ struct Matcher {
 // before $, nested and combined sets, back-references, look-around), and five times faster. So
 // such rules also get an RE2 program, used for such texts; everything else goes to ICU.
 bool isPlainPattern(std::string_view pattern) {
-    static constexpr std::string_view kPlainEscapes = ".\\-/^$*+?()[]{}|dDwWsSbBAztnr:_@#&=,!%'\"~ ";
+    static constexpr std::string_view kPlainEscapes =
+        ".\\-/^$*+?()[]{}|dDwWsSbBAztnr:_@#&=,!%'\"~ ";
     bool inClass = false;
     for (std::size_t i = 0; i < pattern.size(); ++i) {
         const unsigned char c = pattern[i];
@@ -66,7 +67,8 @@ bool isPlainPattern(std::string_view pattern) {
         } else if (c == '(' && i + 1 < pattern.size() && pattern[i + 1] == '?') {
             if (i + 2 >= pattern.size() || pattern[i + 2] != ':')
                 return false;
-        } else if (c == '{' && (i + 1 == pattern.size() || pattern[i + 1] < '0' || pattern[i + 1] > '9')) {
+        } else if (c == '{' &&
+                   (i + 1 == pattern.size() || pattern[i + 1] < '0' || pattern[i + 1] > '9')) {
             return false;
         }
     }

@@ -32,8 +32,8 @@ TEST(RegularExpression, ServiceRulesCompileInTheirOwnDialect) {
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&, t] {
             for (int i = 0; i < 500; ++i)
-                matched += rule.matchInString("img.ads" + std::to_string(i * 4 + t) +
-                                              ".example.com");
+                matched +=
+                    rule.matchInString("img.ads" + std::to_string(i * 4 + t) + ".example.com");
         });
     for (auto& thread : threads)
         thread.join();
@@ -59,9 +59,9 @@ std::optional<bool> icuFinds(const std::string& pattern, const std::string& text
 TEST(RegularExpression, PlainRulesAnswerAsICUDoes) {
     // Random plain patterns over a small alphabet against random ASCII texts: whichever engine
     // the kit uses, the answer is ICU's.
-    const std::vector<std::string> atoms = {"a", "B", "c", ".", "\\.", "\\d", "\\w", "\\s",
-                                            "[a-c]", "[^a]", "[^A-Z0-9]", "[.-]", "(a|b)", "(?:ab)",
-                                            "\\b", "^", "$", "-", "1", " ", "\\A", "\\z"};
+    const std::vector<std::string> atoms = {
+        "a",    "B",     "c",      ".",   "\\.", "\\d", "\\w", "\\s", "[a-c]", "[^a]", "[^A-Z0-9]",
+        "[.-]", "(a|b)", "(?:ab)", "\\b", "^",   "$",   "-",   "1",   " ",     "\\A",  "\\z"};
     const std::vector<std::string> repeats = {"", "", "*", "+", "?", "{2}", "{1,3}", "*?"};
     const std::string alphabet = "aAbBcC1 .-_zZ\t";
     std::mt19937 random(7);

@@ -117,9 +117,9 @@ Command decode(
             for (const auto& property : all) {
                 Json* value = valueAt(*encoded, property.keyPath);
                 auto inside = readPaths.lower_bound(property.keyPath + ".");
-                bool shared = readPaths.count(property.keyPath) > 1 ||
-                              (inside != readPaths.end() &&
-                               inside->rfind(property.keyPath + ".", 0) == 0);
+                bool shared =
+                    readPaths.count(property.keyPath) > 1 ||
+                    (inside != readPaths.end() && inside->rfind(property.keyPath + ".", 0) == 0);
                 if (!value)
                     properties[property.name] = Json();
                 else
