@@ -134,8 +134,10 @@ TEST(WatchPrometheus, TheBestNodeAcrossTwoVantagePointsIsTheFastest) {
             continue;
         seen = true;
         const double seconds = std::stod(series["value"][1].get<std::string>());
+        // 3 ms injected; the next node is 15 ms away, so anything below 9 ms is this one's own
+        // delay, even in an instrumented build on a busy machine.
         EXPECT_GE(seconds, 0.003);
-        EXPECT_LT(seconds, 0.005);
+        EXPECT_LT(seconds, 0.009);
     }
     EXPECT_TRUE(seen) << delay.dump();
 }
