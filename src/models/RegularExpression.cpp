@@ -34,7 +34,7 @@ struct Matcher {
 // alternation, the usual repetitions and anchors, \d \w \s \b. For such a pattern and a text of
 // ASCII without line terminators, RE2 answers "is there a match" exactly as ICU does (the two
 // dialects differ only outside that ground: Unicode classes and case folding, line terminators
-// before $, nested and combined sets, back-references, look-around), and five times faster. So
+// before $, nested and combined sets, back-references, look-around), and 3-4 times faster. So
 // such rules also get an RE2 program, used for such texts; everything else goes to ICU.
 bool isPlainPattern(std::string_view pattern) {
     static constexpr std::string_view kPlainEscapes =
