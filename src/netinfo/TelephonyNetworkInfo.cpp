@@ -153,19 +153,22 @@ void TelephonyNetworkInfo::setSubscriberCellularProvider(std::optional<CarrierIn
     providersSet_ = true;
 }
 
-std::optional<CarrierInfo> TelephonyNetworkInfo::currentSubscriberCellularProvider() const {
-    if (systemSource_) {
-        bool set;
-        {
-            std::lock_guard lock(mutex_);
-            set = providersSet_;
-        }
-        if (!set) {
-            // Asked without the lock: a reading may take up to the service's time-out.
-            if (auto facts = systemSource_())
-                return facts->provider;
-        }
+std::optional<SystemCellularFacts> TelephonyNetworkInfo::systemFactsUnlessSet(
+    const bool& set) const {
+    if (!systemSource_)
+        return std::nullopt;
+    {
+        std::lock_guard lock(mutex_);
+        if (set)
+            return std::nullopt;
     }
+    // Asked without the lock: a reading may take up to the service's time-out.
+    return systemSource_();
+}
+
+std::optional<CarrierInfo> TelephonyNetworkInfo::currentSubscriberCellularProvider() const {
+    if (auto facts = systemFactsUnlessSet(providersSet_))
+        return facts->provider;
     return setProvider();
 }
 
@@ -182,17 +185,8 @@ std::optional<CarrierInfo> TelephonyNetworkInfo::setProvider() const {
 }
 
 std::optional<std::string> TelephonyNetworkInfo::compatibleCurrentRadioAccessTechnology() const {
-    if (systemSource_) {
-        bool set;
-        {
-            std::lock_guard lock(mutex_);
-            set = technologiesSet_;
-        }
-        if (!set) {
-            if (auto facts = systemSource_())
-                return facts->radioAccessTechnology;
-        }
-    }
+    if (auto facts = systemFactsUnlessSet(technologiesSet_))
+        return facts->radioAccessTechnology;
     return setRadioAccessTechnology();
 }
 

@@ -120,6 +120,8 @@ class TelephonyNetworkInfo {
 
   private:
     std::optional<CarrierInfo> setProvider() const;
+    /// The system's reading, unless facts of that kind were set (`set`, read under the lock).
+    std::optional<SystemCellularFacts> systemFactsUnlessSet(const bool& set) const;
     std::optional<std::string> setRadioAccessTechnology() const;
 
     const SystemSource systemSource_;  // set once at construction
