@@ -146,6 +146,48 @@ TEST(BaseModel, NonObjectRecordValuesFailTheWholeDecode) {
     EXPECT_EQ(leaves->size(), 2u);
 }
 
+// Decoding from text streams the elements of "leaves"; whatever the document, the outcome must be
+// the one of decoding the parsed document: the same record, or the same error.
+TEST(BaseModel, TextDecodingGivesWhatTheParsedDocumentGives) {
+    for (const char* text : {
+             R"({"title":"t","leaves":[{"name":"a"},{"name":"b","x":[1,{"y":[]}]}],"count":2})",
+             R"({"leaves":[]})",
+             R"({"leaves":null,"tags":["a",["b"]]})",
+             R"({"leaves":[{"name":"a"}],"leaves":null})",  // the last of repeated keys holds
+             R"({"leaves":"wrong","leaves":[{"name":"c"}]})",
+             R"({"leaves":[{"name":"a"}],"leaves":[{"name":"d"}]})",
+             R"({"config":{"leaves":[1]},"leaf":{"name":[{"deep":1}]},"extra":[[{}]]})",
+             R"({"leaves":[{"name":"b"},3]})",  // errors
+             R"({"leaves":[{"name":"b"}, null]})",
+             R"({"leaf":"a","leaves":[{}]})",
+             R"([{"leaves":[]}])",
+             R"("text")",
+         }) {
+        SCOPED_TRACE(text);
+        Error parsedError, textError;
+        auto parsed = JSONAdapter::modelOfClass<Sample>(Json::parse(text), &parsedError);
+        Json rest;
+        auto streamed = JSONAdapter::modelOfClassFromText<Sample>(text, &textError, &rest);
+        ASSERT_EQ(bool(parsed), bool(streamed)) << textError.localizedDescription();
+        if (!parsed) {
+            EXPECT_EQ(textError.localizedDescription(), parsedError.localizedDescription());
+            continue;
+        }
+        EXPECT_EQ(streamed->toJSONDictionary(), parsed->toJSONDictionary());
+        // The rest is the document without the streamed array, whose key stays (as null).
+        Json expected = Json::parse(text);
+        if (expected.contains("leaves") && expected["leaves"].is_array())
+            expected["leaves"] = nullptr;
+        EXPECT_EQ(rest, expected);
+    }
+    for (const char* text : {"", "{\"leaves\":[{}", "{\"leaves\":[{}]} x", "{\"a\":tru}"}) {
+        Error error;
+        EXPECT_FALSE(JSONAdapter::modelOfClassFromText<Sample>(text, &error)) << text;
+        EXPECT_NE(error.localizedDescription().find("not valid JSON"), std::string::npos)
+            << error.localizedDescription();
+    }
+}
+
 struct Nested : Model<Nested> {
     std::shared_ptr<Nested> child;
     static const std::vector<Property<Nested>>& properties() {

@@ -80,6 +80,26 @@ TEST(RecordRoundTrip, EveryRecordTypeSurvivesJsonAndArchive) {
         ASSERT_TRUE(second) << error.localizedDescription();
         EXPECT_EQ(second->toJSONDictionary(), encoded);
 
+        // Decoding the text as it is parsed gives the same record, and each property's text is
+        // its value in the record's JSON form.
+        auto streamed = type.decodeText(document.dump(), &error, nullptr);
+        ASSERT_TRUE(streamed) << error.localizedDescription();
+        EXPECT_EQ(streamed->toJSONDictionary(), encoded);
+        const auto properties = type.properties();
+        for (std::size_t i = 0; i < properties.size(); ++i) {
+            const auto& keyPath = properties[i].keyPath;
+            bool alone = keyPath.find('.') == std::string::npos;
+            for (std::size_t j = 0; j < properties.size(); ++j)
+                if (j != i && (properties[j].keyPath == keyPath ||
+                               properties[j].keyPath.rfind(keyPath + ".", 0) == 0))
+                    alone = false;
+            if (!alone)
+                continue;  // shares its key with another property in the JSON form
+            std::string text;
+            type.dumpProperty(*first, i, [&](std::string_view piece) { text += piece; });
+            EXPECT_EQ(Json::parse(text), (*encoded)[keyPath]) << properties[i].name;
+        }
+
         std::string problem;
         auto archive = keyed_archiver::archivedData(type.name, *encoded, problem);
         ASSERT_TRUE(archive) << problem;

@@ -144,6 +144,30 @@ struct IsRecordPointer : std::false_type {};
 template <Record R>
 struct IsRecordPointer<std::shared_ptr<R>> : std::true_type {};
 
+// A member holding an array of records, possibly nil: what can be decoded element by element.
+template <class T>
+struct RecordArray : std::false_type {};
+template <Record R>
+struct RecordArray<std::vector<std::shared_ptr<R>>> : std::true_type {
+    using Element = std::shared_ptr<R>;
+    static void begin(std::vector<Element>& member) { member.clear(); }
+    static std::vector<Element>& values(std::vector<Element>& member) { return member; }
+    static const std::vector<Element>* present(const std::vector<Element>& member) {
+        return &member;
+    }
+};
+template <Record R>
+struct RecordArray<std::optional<std::vector<std::shared_ptr<R>>>> : std::true_type {
+    using Element = std::shared_ptr<R>;
+    static void begin(std::optional<std::vector<Element>>& member) { member.emplace(); }
+    static std::vector<Element>& values(std::optional<std::vector<Element>>& member) {
+        return *member;
+    }
+    static const std::vector<Element>* present(const std::optional<std::vector<Element>>& member) {
+        return member ? &*member : nullptr;
+    }
+};
+
 Error invalidInput(std::string description);
 Error prefixed(std::string_view prefix, const Error& error);
 std::string_view kindName(const Json& json);
@@ -467,6 +491,16 @@ struct Property {
     std::function<Json(int depth)> sample;
     // Whether a converter reads the value: it also sees an absent key, as nil.
     bool transformed = false;
+    // An array of records without a converter can also be decoded one element at a time, as its
+    // text is parsed: `beginElements` makes the member an empty array, `appendElement` decodes
+    // one element onto its end, `adopt` moves the member from one record to another. Empty for
+    // every other property.
+    std::function<void(R&)> beginElements;
+    std::function<bool(R&, const Json& element, Error&)> appendElement;
+    std::function<void(R& to, R& from)> adopt;
+    // Hands the JSON form of each element of such an array to `element`, one at a time; false
+    // when the member is nil.
+    std::function<bool(const R&, const std::function<void(const Json&)>& element)> eachElement;
 };
 
 /// The typed builder that prop() returns; converts to Property<R> in a table.
@@ -520,6 +554,28 @@ class TypedProperty {
             };
             p.encode = [member](const R& r) { return Codec<M>::encode(r.*member); };
             p.sample = [](int depth) { return Sample<M>::make(depth); };
+            if constexpr (models_detail::RecordArray<M>::value) {
+                using Array = models_detail::RecordArray<M>;
+                p.beginElements = [member](R& r) { Array::begin(r.*member); };
+                p.appendElement = [member](R& r, const Json& element, Error& e) {
+                    typename Array::Element value;
+                    // A record either decodes or fails; it is never of another kind.
+                    if (Codec<typename Array::Element>::decode(element, value, e) !=
+                        DecodeStatus::Ok)
+                        return false;
+                    Array::values(r.*member).push_back(std::move(value));
+                    return true;
+                };
+                p.adopt = [member](R& to, R& from) { to.*member = std::move(from.*member); };
+                p.eachElement = [member](const R& r, const std::function<void(const Json&)>& f) {
+                    const auto* values = Array::present(r.*member);
+                    if (!values)
+                        return false;
+                    for (const auto& value : *values)
+                        f(Codec<typename Array::Element>::encode(value));
+                    return true;
+                };
+            }
         }
         if (default_) {
             p.applyDefault = [member, value = *default_](R& r) { r.*member = value; };
@@ -733,6 +789,87 @@ Json sampleDocument(int depth) {
 
 void logEncodingFailure(const Error& error);
 
+/// What decoding a record from JSON text needs of its type (see decodeText).
+class TextDecoding {
+  public:
+    virtual ~TextDecoding() = default;
+    /// The property that reads top-level `key` whole as an array of records, or -1.
+    virtual int arrayProperty(std::string_view key) const = 0;
+    /// Top-level `key` appears: an array read before under the same key no longer counts (as in
+    /// a parsed document, the last of repeated keys holds).
+    virtual void forget(std::string_view key) = 0;
+    /// The array of `property` begins.
+    virtual void beginArray(int property) = 0;
+    /// Decodes the next element of that array; false (with `error` set) fails the decode.
+    virtual bool element(int property, const Json& element, Error& error) = 0;
+    /// Decodes the rest of the document (the arrays' keys hold null) and takes the arrays in.
+    virtual bool finish(const Json& rest, Error& error) = 0;
+};
+
+/// Parses `text`, handing each element of a top-level array of records to `decoding` as soon as
+/// it is parsed and dropping it, then the rest of the document to finish(). False (with `error`
+/// set) when the text is not JSON or decoding fails. `rest` receives the rest when given.
+bool decodeText(std::string_view text, TextDecoding& decoding, Error& error, Json* rest);
+
+template <Record R>
+class RecordTextDecoding final : public TextDecoding {
+  public:
+    int arrayProperty(std::string_view key) const override {
+        auto hit = table_.byFirstKey.find(key);
+        if (hit == table_.byFirstKey.end())
+            return -1;
+        for (auto index : hit->second)
+            if (table_.appendable[index] && table_.properties[index].appendElement)
+                return index;
+        return -1;
+    }
+    void forget(std::string_view key) override {
+        if (int property = arrayProperty(key); property >= 0)
+            streamed_[property] = false;
+    }
+    void beginArray(int property) override {
+        table_.properties[property].beginElements(staged_);
+        streamed_[property] = true;
+        elements_[property] = 0;
+    }
+    bool element(int property, const Json& element, Error& error) override {
+        const auto& p = table_.properties[property];
+        // The elements sit one level below the record, as when the whole document is decoded.
+        ++recordDepth;
+        bool decoded = p.appendElement(staged_, element, error);
+        --recordDepth;
+        if (!decoded) {
+            error =
+                prefixed(p.name, prefixed("element " + std::to_string(elements_[property]), error));
+            return false;
+        }
+        ++elements_[property];
+        return true;
+    }
+    bool finish(const Json& rest, Error& error) override {
+        if (!rest.is_object()) {
+            error = invalidInput("expected a JSON object, got " + std::string(kindName(rest)));
+            return false;
+        }
+        auto record = std::make_shared<R>();
+        if (!decodeRecord(rest, *record, error))
+            return false;
+        for (std::size_t i = 0; i < streamed_.size(); ++i)
+            if (streamed_[i])
+                table_.properties[i].adopt(*record, staged_);
+        record_ = std::move(record);
+        return true;
+    }
+    std::shared_ptr<R> record() { return std::move(record_); }
+
+  private:
+    const Table<R>& table_ = Table<R>::shared();
+    R staged_;  // holds the arrays while they are read
+    std::vector<bool> streamed_ = std::vector<bool>(table_.properties.size());
+    std::vector<std::size_t> elements_ = std::vector<std::size_t>(table_.properties.size());
+    std::shared_ptr<R> record_;
+};
+
 }  // namespace models_detail
 
 /// Decodes and encodes records through their property tables. No operation throws.
@@ -752,6 +889,27 @@ class JSONAdapter {
                 if (models_detail::decodeRecord(json, *record, failure))
                     return record;
             }
+        } catch (const std::exception& e) {
+            failure = models_detail::invalidInput(e.what());
+        }
+        if (error)
+            *error = std::move(failure);
+        return nullptr;
+    }
+
+    /// One record from JSON text, as modelOfClass(Json::parse(text)) gives it, but never holding
+    /// the whole document parsed: each element of an array of records under a top-level key is
+    /// decoded as soon as it is parsed, so a large node list costs its records, not its parse
+    /// tree as well. nullptr (and `error` set) when the text is not JSON or the record fails.
+    /// `rest`, when given, receives the document without those arrays (their keys hold null).
+    template <models_detail::Record R>
+    static std::shared_ptr<R> modelOfClassFromText(std::string_view text, Error* error = nullptr,
+                                                   Json* rest = nullptr) {
+        Error failure;
+        try {
+            models_detail::RecordTextDecoding<R> decoding;
+            if (models_detail::decodeText(text, decoding, failure, rest))
+                return decoding.record();
         } catch (const std::exception& e) {
             failure = models_detail::invalidInput(e.what());
         }
