@@ -21,25 +21,6 @@ struct DecodeOptions {
     std::uint64_t maxBytes = kDefaultMaxInputBytes;
 };
 
-// The value at a dotted key path of an encoded record; nullptr when the path is absent.
-Json* valueAt(Json& json, const std::string& keyPath) {
-    Json* current = &json;
-    std::size_t start = 0;
-    while (true) {
-        auto dot = keyPath.find('.', start);
-        auto key = keyPath.substr(start, dot == std::string::npos ? dot : dot - start);
-        if (!current->is_object())
-            return nullptr;
-        auto next = current->find(key);
-        if (next == current->end())
-            return nullptr;
-        current = &*next;
-        if (dot == std::string::npos)
-            return current;
-        start = dot + 1;
-    }
-}
-
 // The key paths of `input` that no property reads: a key a property reads whole is used with all
 // inside it; a key that only leads to properties' paths is looked into.
 void collectIgnored(const Json& input, const std::string& prefix,
@@ -78,18 +59,17 @@ Command decode(
             if (!type)
                 throw Failure(fmt::format("unknown record type \"{}\" (see lmkit decode --list)",
                                           options->type));
-            // A large document is held in three forms one after another (text, parsed, record,
-            // then the record's JSON form): each is released as soon as the next exists, so the
-            // peak is two of them, never four.
-            Json json;
+            // A large document is never held whole in two forms at a time: the text is
+            // released once decoded, and arrays of records are decoded while they are parsed.
+            Json rest;
+            Error error;
+            std::shared_ptr<BaseModel> record;
             {
                 const Data input = readInput(options->input, options->maxBytes, "--max-bytes");
-                json = Json::parse(input.begin(), input.end(), nullptr, false);
+                record = type->decodeText(
+                    std::string_view(reinterpret_cast<const char*>(input.data()), input.size()),
+                    &error, &rest);
             }
-            if (json.is_discarded())
-                throw Failure(fmt::format("{}: the input is not valid JSON", options->type));
-            Error error;
-            auto record = type->decode(json, &error);
             if (!record)
                 throw Failure(fmt::format("{}: {}", options->type, error.localizedDescription()));
             const auto all = type->properties();
@@ -97,50 +77,38 @@ Command decode(
             for (const auto& property : all)
                 paths.insert(property.keyPath);
             std::vector<std::string> ignored;
-            collectIgnored(json, "", paths, ignored);
-            json = Json();
+            collectIgnored(rest, "", paths, ignored);
+            rest = Json();
 
-            Json otherKind = Json::object();
-            for (const auto& [name, value] : record->valuesOfOtherKind())
-                otherKind[name] = value;
-            auto encoded = record->toJSONDictionary();
-            record.reset();
-            if (!encoded)
-                throw Failure(fmt::format("{}: the record has no JSON form", options->type));
-            // The properties take their values out of the record's JSON form, which is not
-            // needed afterwards; a value that another property also reads (the same key, or a
-            // key inside it) is copied instead.
-            std::multiset<std::string> readPaths;
-            for (const auto& property : all)
-                readPaths.insert(property.keyPath);
-            Json properties = Json::object();
-            for (const auto& property : all) {
-                Json* value = valueAt(*encoded, property.keyPath);
-                auto inside = readPaths.lower_bound(property.keyPath + ".");
-                bool shared =
-                    readPaths.count(property.keyPath) > 1 ||
-                    (inside != readPaths.end() && inside->rfind(property.keyPath + ".", 0) == 0);
-                if (!value)
-                    properties[property.name] = Json();
-                else
-                    properties[property.name] = shared ? *value : std::move(*value);
-            }
-            encoded.reset();
-
+            // Each property's text is written as it is made: a large node list is never held
+            // whole, as tree or as text.
+            auto write = [](std::string_view text) { std::cout << text; };
+            const auto& otherKind = record->valuesOfOtherKind();
             if (common.json) {
-                Json out{{"type", type->name},
-                         {"properties", std::move(properties)},
-                         {"keptAsTheyStand", std::move(otherKind)},
-                         {"ignoredKeys", ignored}};
-                std::cout << out.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+                // One property per line: valid JSON that stays readable with large values.
+                std::cout << "{\n  \"type\": " << Json(type->name).dump()
+                          << ",\n  \"properties\": {";
+                for (std::size_t i = 0; i < all.size(); ++i) {
+                    std::cout << (i ? ",\n    " : "\n    ") << Json(all[i].name).dump() << ": ";
+                    type->dumpProperty(*record, i, write);
+                }
+                Json kept = Json::object();
+                for (const auto& [name, value] : otherKind)
+                    kept[name] = value;
+                std::cout << "\n  },\n  \"keptAsTheyStand\": "
+                          << kept.dump(-1, ' ', false, Json::error_handler_t::replace)
+                          << ",\n  \"ignoredKeys\": "
+                          << Json(ignored).dump(-1, ' ', false, Json::error_handler_t::replace)
+                          << "\n}\n";
                 return 0;
             }
             std::cout << type->name << '\n';
-            for (const auto& [name, value] : properties.items()) {
-                std::string shown = value.dump(-1, ' ', false, Json::error_handler_t::replace);
-                if (otherKind.contains(name))
-                    shown += "  (kept as it stands: not of the property's kind)";
-                std::cout << fmt::format("  {:<36} {}\n", name, shown);
+            for (std::size_t i = 0; i < all.size(); ++i) {
+                std::cout << fmt::format("  {:<36} ", all[i].name);
+                type->dumpProperty(*record, i, write);
+                if (otherKind.count(all[i].name))
+                    std::cout << "  (kept as it stands: not of the property's kind)";
+                std::cout << '\n';
             }
             if (!ignored.empty()) {
                 std::cout << "ignored keys:";
