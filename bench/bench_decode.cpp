@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <spawn.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include <string>
 
 #include "BenchTable.hpp"
+#include "ChildPeak.hpp"
 #include "lmkit/models/AccAPIResponseObject.hpp"
 
 namespace {
@@ -63,27 +63,26 @@ struct ToolRun {
     double peakMegabytes = 0;
 };
 
-// `lmkit decode AccAPIResponseObject FILE` with its output discarded. posix_spawn does not copy
-// this process's pages, so the child's rusage is the tool's own.
-ToolRun decodeWithTool(const char* tool, const std::string& file) {
+// `lmkit decode AccAPIResponseObject FILE` with its output discarded. posix_spawn returns once
+// the child runs the tool, without copying this process's page tables first.
+ToolRun decodeWithTool(const std::string& tool, const std::string& file) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    std::string type = "AccAPIResponseObject", maxBytes = "--max-bytes=200000000";
-    std::string decode = "decode";
-    char* argv[] = {const_cast<char*>(tool),         decode.data(),   type.data(),
+    std::string decode = "decode", type = "AccAPIResponseObject",
+                maxBytes = "--max-bytes=200000000";
+    char* argv[] = {const_cast<char*>(tool.c_str()), decode.data(),   type.data(),
                     const_cast<char*>(file.c_str()), maxBytes.data(), nullptr};
     ToolRun run;
     pid_t pid = 0;
     auto start = std::chrono::steady_clock::now();
-    if (posix_spawn(&pid, tool, &actions, nullptr, argv, environ) != 0)
-        return run;
+    int spawned = posix_spawn(&pid, tool.c_str(), &actions, nullptr, argv, environ);
     posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0)
+        return run;
     int status = 0;
-    rusage usage{};
-    wait4(pid, &status, 0, &usage);
+    run.peakMegabytes = bench::childPeakMegabytes(pid, tool, status);
     run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    run.peakMegabytes = usage.ru_maxrss / 1024.0;
     run.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
     return run;
 }
@@ -137,6 +136,11 @@ int main(int argc, char** argv) {
         sink += answer ? answer->accNodes->size() : 0;
     });
 
+    double decodeText = bench::bestSeconds(kRounds, [&] {
+        auto answer = lmkit::JSONAdapter::modelOfClassFromText<lmkit::AccAPIResponseObject>(text);
+        sink += answer ? answer->accNodes->size() : 0;
+    });
+
     const auto parsed = lmkit::Json::parse(text);
     const auto answer = lmkit::JSONAdapter::modelOfClass<lmkit::AccAPIResponseObject>(parsed);
     if (!answer) {
@@ -154,8 +158,12 @@ int main(int argc, char** argv) {
                 encode * 1e3, encode / dump);
     char measured[64];
     std::snprintf(measured, sizeof measured, "%.2fx (parse %.1f ms)", decode / parse, parse * 1e3);
-    bench::result("record decoding of 20,000 nodes against the bare parse", "<= 2.5x", measured,
-                  decode / parse <= 2.5);
+    bench::result("record decoding of 20,000 parsed nodes against the bare parse", "<= 2.5x",
+                  measured, decode / parse <= 2.5);
+    std::snprintf(measured, sizeof measured, "%.2fx (parse %.1f ms)", decodeText / parse,
+                  parse * 1e3);
+    bench::result("record decoding from text, 20,000 nodes, against the bare parse", "<= 2.5x",
+                  measured, decodeText / parse <= 2.5);
     std::snprintf(measured, sizeof measured, "%.2fx (dump %.1f ms)", encode / dump, dump * 1e3);
     bench::result("record encoding of 20,000 nodes against the bare dump", "<= 2.5x", measured,
                   encode / dump <= 2.5);

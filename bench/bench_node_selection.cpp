@@ -37,6 +37,7 @@
 #include <vector>
 
 #include "BenchTable.hpp"
+#include "ChildPeak.hpp"
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/nodes/NodeSelector.hpp"
 #include "lmkit/testbed/EchoServer.hpp"
@@ -382,20 +383,7 @@ RawResult rawProbe(uint16_t port, int servers) {
     return result;
 }
 
-// The high-water mark of the process's resident memory (VmHWM), in kB; 0 once it is gone.
-long highWaterKilobytes(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmHWM:", 0) == 0)
-            return std::strtol(line.c_str() + 6, nullptr, 10);
-    }
-    return 0;
-}
-
-// Peak RSS of `lmkit select` over `servers` nodes, in MB; NAN when it cannot be run. Read from
-// the program's own memory map while it runs: the rusage of a child forked from this process
-// would count this process's pages, which the child holds until it execs.
+// Peak RSS of `lmkit select` over `servers` nodes, in MB; NAN when it cannot be run.
 double selectPeakMegabytes(const std::string& tool, uint16_t port, int servers) {
     char path[] = "/tmp/lmkit-bench-nodes-XXXXXX";
     int fd = mkstemp(path);
@@ -417,24 +405,12 @@ double selectPeakMegabytes(const std::string& tool, uint16_t port, int servers) 
               static_cast<char*>(nullptr));
         _exit(127);
     }
-    // Until the exec the child is a copy of this process: wait for the tool's own image.
-    const std::string self = "/proc/" + std::to_string(child) + "/exe";
-    for (int i = 0; i < 1000; ++i) {
-        std::error_code ec;
-        if (std::filesystem::equivalent(std::filesystem::read_symlink(self, ec), tool, ec))
-            break;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    long peak = 0;
     int status = 0;
-    while (waitpid(child, &status, WNOHANG) == 0) {
-        peak = std::max(peak, highWaterKilobytes(child));
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    double peak = bench::childPeakMegabytes(child, tool, status);
     ::unlink(path);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         return NAN;
-    return static_cast<double>(peak) / 1024.0;
+    return peak;
 }
 
 }  // namespace
