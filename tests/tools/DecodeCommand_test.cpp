@@ -5,29 +5,16 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "support/TestSupport.hpp"
+#include "support/ToolCommandTest.hpp"
 
 namespace {
 
-class DecodeCommandTest : public ::testing::Test {
+class DecodeCommandTest : public lmkit::testing::ToolCommandTest {
   protected:
-    void SetUp() override {
-        if (std::string(LMKIT_TOOL_PATH).empty())
-            GTEST_SKIP() << "the tool is not built";
-    }
     std::string run(const std::string& args, int* status, bool withStderr = false) {
-        std::string command = "LMKIT_LOG_DIR='" + (dir_.path() / "logs").string() +
-                              "' LMKIT_APP_GROUP_DIR='" + (dir_.path() / "group").string() + "' '" +
-                              LMKIT_TOOL_PATH + "' decode " + args +
-                              (withStderr ? " 2>&1" : " 2>/dev/null");
-        return lmkit::testing::runCommand(command, status);
+        return lmkit::testing::runCommand(
+            tool("decode " + args + (withStderr ? " 2>&1" : " 2>/dev/null")), status);
     }
-    std::string write(const std::string& text, const std::string& name = "doc.json") {
-        auto path = (dir_.path() / name).string();
-        std::ofstream(path) << text;
-        return path;
-    }
-    lmkit::testing::TempDir dir_;
 };
 
 }  // namespace
@@ -35,7 +22,8 @@ class DecodeCommandTest : public ::testing::Test {
 TEST_F(DecodeCommandTest, ShowsPropertiesValuesKeptAsTheyStandAndIgnoredKeys) {
     int status = -1;
     auto doc = write(R"({"gid":101,"name":"G","online":"1","grade":"3","tracking":{"a":1},
-                        "game_extra":{"unknown":true}})");
+                        "game_extra":{"unknown":true}})",
+                     "doc.json");
     auto out = nlohmann::json::parse(run("Game --json " + doc, &status));
     ASSERT_EQ(status, 0);
     EXPECT_EQ(out["type"], "Game");
@@ -55,7 +43,7 @@ TEST_F(DecodeCommandTest, BadInputIsOneLineAndExitOne) {
     for (const std::string& args :
          {std::string("Game /dev/zero --max-bytes 100000"),
           "Game " + write("{\"gid\":", "cut.json"), "NoSuchType " + write("{}", "empty.json"),
-          "AccAPIResponseObject " + write(R"({"acc":[1]})")}) {
+          "AccAPIResponseObject " + write(R"({"acc":[1]})", "doc.json")}) {
         int status = -1;
         auto out = run(args, &status, true);
         EXPECT_EQ(status, 1) << args;

@@ -7,29 +7,24 @@
 #include <nlohmann/json.hpp>
 
 #include "lmkit/tunnel/WormholeManager.hpp"
-#include "support/TestSupport.hpp"
+#include "support/ToolCommandTest.hpp"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-class DemoCommandTest : public ::testing::Test {
+class DemoCommandTest : public lmkit::testing::ToolCommandTest {
   protected:
     void SetUp() override {
-        if (std::string(LMKIT_TOOL_PATH).empty())
-            GTEST_SKIP() << "the tool is not built";
+        ToolCommandTest::SetUp();
         fs::create_directories(dir_.path() / "tmp");
     }
     // The demo makes its scratch app group under TMPDIR: the test's own directory shows what
     // it leaves behind.
     std::string run(const std::string& args, int* status) {
-        std::string command = "TMPDIR='" + (dir_.path() / "tmp").string() + "' LMKIT_LOG_DIR='" +
-                              (dir_.path() / "logs").string() + "' LMKIT_APP_GROUP_DIR='" +
-                              (dir_.path() / "group").string() + "' '" + LMKIT_TOOL_PATH +
-                              "' demo " + args;
-        return lmkit::testing::runCommand(command, status);
+        return lmkit::testing::runCommand(
+            "TMPDIR='" + (dir_.path() / "tmp").string() + "' " + tool("demo " + args), status);
     }
-    lmkit::testing::TempDir dir_;
 };
 
 TEST_F(DemoCommandTest, JsonHasTheChoiceAndTheRoadThroughTheTunnel) {

@@ -5,26 +5,17 @@
 #include <nlohmann/json.hpp>
 
 #include "lmkit/foundation/LogFileManager.hpp"
-#include "support/TestSupport.hpp"
+#include "support/ToolCommandTest.hpp"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-class LogsCommandTest : public ::testing::Test {
+class LogsCommandTest : public lmkit::testing::ToolCommandTest {
   protected:
-    void SetUp() override {
-        if (std::string(LMKIT_TOOL_PATH).empty())
-            GTEST_SKIP() << "the tool is not built";
-    }
-    // Runs the tool with its folders inside the test's own directory.
     std::string run(const std::string& args, int* status) {
-        std::string command = "LMKIT_LOG_DIR='" + (dir_.path() / "logs").string() +
-                              "' LMKIT_APP_GROUP_DIR='" + (dir_.path() / "group").string() + "' '" +
-                              LMKIT_TOOL_PATH + "' logs " + args + " 2>&1";
-        return lmkit::testing::runCommand(command, status);
+        return lmkit::testing::runCommand(tool("logs " + args + " 2>&1"), status);
     }
-    lmkit::testing::TempDir dir_;
 };
 
 }  // namespace

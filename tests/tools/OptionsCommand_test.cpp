@@ -5,27 +5,19 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "support/TestSupport.hpp"
+#include "support/ToolCommandTest.hpp"
 
 namespace {
 
 const std::string kSamples = std::string(LMKIT_TEST_DATA_DIR) + "/start_options/";
 
-class OptionsCommandTest : public ::testing::Test {
+class OptionsCommandTest : public lmkit::testing::ToolCommandTest {
   protected:
-    void SetUp() override {
-        if (std::string(LMKIT_TOOL_PATH).empty())
-            GTEST_SKIP() << "the tool is not built";
-    }
     std::string run(const std::string& args, int* status, bool withStderr = false) {
-        std::string command = "LMKIT_LOG_DIR='" + (dir_.path() / "logs").string() +
-                              "' LMKIT_APP_GROUP_DIR='" + (dir_.path() / "group").string() + "' '" +
-                              LMKIT_TOOL_PATH + "' options " + args +
-                              (withStderr ? " 2>&1" : " 2>/dev/null");
-        return lmkit::testing::runCommand(command, status);
+        return lmkit::testing::runCommand(
+            tool("options " + args + (withStderr ? " 2>&1" : " 2>/dev/null")), status);
     }
     std::string built() { return (dir_.path() / "options.json").string(); }
-    lmkit::testing::TempDir dir_;
 };
 
 TEST_F(OptionsCommandTest, BuildThenInspectAndMatchAsTheTunnel) {

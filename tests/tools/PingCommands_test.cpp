@@ -9,28 +9,25 @@
 
 #include "lmkit/testbed/EchoServer.hpp"
 #include "lmkit/testbed/Socks5Relay.hpp"
-#include "support/TestSupport.hpp"
+#include "support/ToolCommandTest.hpp"
 
 using namespace lmkit;
 
 namespace {
 
-class PingCommandsTest : public ::testing::Test {
+class PingCommandsTest : public lmkit::testing::ToolCommandTest {
   protected:
     void SetUp() override {
-        if (std::string(LMKIT_TOOL_PATH).empty())
-            GTEST_SKIP() << "the tool is not built";
+        ToolCommandTest::SetUp();
+        if (IsSkipped())
+            return;
         echo_ = EchoServer::start({EchoEndpointConfig{"127.0.0.1", 0, {}}});
         ASSERT_TRUE(echo_);
         echoPort_ = std::to_string(echo_->endpoints()[0].port);
     }
     std::string run(const std::string& args, int* status) {
-        std::string command = "LMKIT_LOG_DIR='" + (dir_.path() / "logs").string() +
-                              "' LMKIT_APP_GROUP_DIR='" + (dir_.path() / "group").string() + "' '" +
-                              LMKIT_TOOL_PATH + "' " + args + " 2>&1";
-        return lmkit::testing::runCommand(command, status);
+        return lmkit::testing::runCommand(tool(args + " 2>&1"), status);
     }
-    lmkit::testing::TempDir dir_;
     std::unique_ptr<EchoServer> echo_;
     std::string echoPort_;
 };

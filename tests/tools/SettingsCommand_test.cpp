@@ -5,29 +5,27 @@
 #include <nlohmann/json.hpp>
 
 #include "lmkit/foundation/UserDefaults.hpp"
-#include "support/TestSupport.hpp"
+#include "support/ToolCommandTest.hpp"
 
 namespace fs = std::filesystem;
 using nlohmann::json;
 
 namespace {
 
-class SettingsCommandTest : public ::testing::Test {
+class SettingsCommandTest : public lmkit::testing::ToolCommandTest {
   protected:
     void SetUp() override {
-        if (std::string(LMKIT_TOOL_PATH).empty())
-            GTEST_SKIP() << "the tool is not built";
+        ToolCommandTest::SetUp();
         fs::create_directories(dir_.path() / "bundle");
     }
-    // Runs the tool with its app group and bundle inside the test's own directory; standard
-    // error is kept apart so that a failure can be checked to be one line.
+    // Runs the tool with its bundle inside the test's own directory too; standard error is kept
+    // apart so that a failure can be checked to be one line.
     std::string run(const std::string& args, int* status, std::string* errors = nullptr) {
         auto errorFile = dir_.path() / "stderr.txt";
-        std::string command = "LMKIT_LOG_DIR='" + (dir_.path() / "logs").string() +
-                              "' LMKIT_APP_GROUP_DIR='" + (dir_.path() / "group").string() +
-                              "' LMKIT_BUNDLE_DIR='" + (dir_.path() / "bundle").string() + "' '" +
-                              LMKIT_TOOL_PATH + "' " + args + " 2>'" + errorFile.string() + "'";
-        auto out = lmkit::testing::runCommand(command, status);
+        auto out =
+            lmkit::testing::runCommand("LMKIT_BUNDLE_DIR='" + (dir_.path() / "bundle").string() +
+                                           "' " + tool(args + " 2>'" + errorFile.string() + "'"),
+                                       status);
         if (errors) {
             std::ifstream in(errorFile);
             errors->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
@@ -49,7 +47,6 @@ class SettingsCommandTest : public ::testing::Test {
         EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
         EXPECT_NE(errors.find(fragment), std::string::npos) << errors;
     }
-    lmkit::testing::TempDir dir_;
 };
 
 }  // namespace

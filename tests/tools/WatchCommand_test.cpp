@@ -16,7 +16,7 @@
 #include <nlohmann/json.hpp>
 
 #include "lmkit/testbed/EchoServer.hpp"
-#include "support/TestSupport.hpp"
+#include "support/ToolCommandTest.hpp"
 
 using namespace lmkit;
 using json = nlohmann::json;
@@ -25,22 +25,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class WatchCommandTest : public ::testing::Test {
+class WatchCommandTest : public lmkit::testing::ToolCommandTest {
   protected:
-    void SetUp() override {
-        if (std::string(LMKIT_TOOL_PATH).empty())
-            GTEST_SKIP() << "the tool is not built";
-    }
-    std::string tool(const std::string& args) const {
-        return "LMKIT_LOG_DIR='" + (dir_.path() / "logs").string() + "' LMKIT_APP_GROUP_DIR='" +
-               (dir_.path() / "group").string() + "' '" + LMKIT_TOOL_PATH + "' " + args;
-    }
     std::string run(const std::string& args, int* status) const {
         return lmkit::testing::runCommand(tool(args) + " 2>&1", status);
     }
     fs::path history() const { return dir_.path() / "history.sqlite"; }
-
-    lmkit::testing::TempDir dir_;
 };
 
 std::vector<json> lines(const fs::path& file) {
