@@ -1,5 +1,6 @@
 // Untrusted service documents: every record type of the kit decodes arbitrary JSON without
-// crashing, and a record that decoded encodes and decodes again to the same document.
+// crashing, a record that decoded encodes and decodes again to the same document, and decoding
+// the text as it is parsed gives what decoding the parsed document gives.
 #include <cstdint>
 #include <cstdlib>
 
@@ -9,11 +10,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     auto json = lmkit::Json::parse(bytes, bytes + size, nullptr, false);
     if (json.is_discarded())
         return 0;
+    const std::string_view text(reinterpret_cast<const char*>(bytes), size);
     for (const auto& type : lmkit::recordTypes()) {
         lmkit::Error error;
         auto record = type.decode(json, &error);
+        auto streamed = type.decodeText(text, &error, nullptr);
+        if (bool(record) != bool(streamed))
+            std::abort();
         if (!record)
             continue;
+        if (streamed->toJSONDictionary() != record->toJSONDictionary())
+            std::abort();
         auto encoded = record->toJSONDictionary();
         if (!encoded)
             std::abort();

@@ -58,6 +58,7 @@ class Handler final : public nlohmann::json_sax<Json> {
 
     bool start_object(std::size_t) override { return open(Json::object()); }
     bool start_array(std::size_t) override {
+        // (A key has been read at depth 1 only when the document is an object.)
         if (streamed_ < 0 && rest_.depth() == 1 && !key_.empty()) {
             // An array of records under a top-level key: its elements are decoded one by one.
             if (int property = decoding_.arrayProperty(key_); property >= 0) {

@@ -836,9 +836,10 @@ class RecordTextDecoding final : public TextDecoding {
         const auto& p = table_.properties[property];
         // The elements sit one level below the record, as when the whole document is decoded.
         ++recordDepth;
-        bool decoded = p.appendElement(staged_, element, error);
-        --recordDepth;
-        if (!decoded) {
+        struct Leave {
+            ~Leave() { --recordDepth; }
+        } leave;
+        if (!p.appendElement(staged_, element, error)) {
             error =
                 prefixed(p.name, prefixed("element " + std::to_string(elements_[property]), error));
             return false;
