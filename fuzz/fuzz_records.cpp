@@ -19,10 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
             std::abort();
         if (!record)
             continue;
-        if (streamed->toJSONDictionary() != record->toJSONDictionary())
-            std::abort();
         auto encoded = record->toJSONDictionary();
-        if (!encoded)
+        if (!encoded || streamed->toJSONDictionary() != encoded)
             std::abort();
         auto again = type.decode(*encoded, &error);
         if (!again || again->toJSONDictionary() != encoded)
