@@ -12,11 +12,8 @@
 
 namespace lmkit {
 
-namespace {
-
-// ICU counts match time in steps of its engine (about ten thousand backtracking moves each,
-// well under a millisecond). A domain or URL rule needs a handful; a runaway pattern stops here.
-constexpr int32_t kMatchTimeLimitSteps = 20;
+// Named, not anonymous: the compiled program, a class with external linkage, holds these.
+namespace regex_detail {
 
 struct RegexCloser {
     void operator()(URegularExpression* re) const { uregex_close(re); }
@@ -29,6 +26,16 @@ struct Matcher {
     RegexHandle regex;
     std::u16string text;
 };
+
+}  // namespace regex_detail
+using regex_detail::Matcher;
+using regex_detail::RegexHandle;
+
+namespace {
+
+// ICU counts match time in steps of its engine (about ten thousand backtracking moves each,
+// well under a millisecond). A domain or URL rule needs a handful; a runaway pattern stops here.
+constexpr int32_t kMatchTimeLimitSteps = 20;
 
 // Most service rules are plain: ASCII literals, dots, classes without nesting, groups,
 // alternation, the usual repetitions and anchors, \d \w \s \b. For such a pattern and a text of

@@ -23,8 +23,8 @@ constexpr const char* kBundleFileName = "Environment.json";
 constexpr const char* kBuiltInIdentifier = "group.com.lmkit.shared";
 constexpr const char* kErrorDomain = "AppGroupErrorDomain";
 
-std::mutex gMutex;
-std::filesystem::path gOverride;  // guarded by gMutex
+std::mutex gOverrideMutex;
+std::filesystem::path gOverride;  // guarded by gOverrideMutex
 
 struct Deployment {
     std::string identifier = kBuiltInIdentifier;
@@ -111,7 +111,7 @@ bool AppGroup::makePrivateDirectory(const std::filesystem::path& directory, Erro
 std::optional<std::filesystem::path> AppGroup::chooseContainerDirectory(Error* error) {
     std::filesystem::path chosen;
     {
-        std::lock_guard lock(gMutex);
+        std::lock_guard lock(gOverrideMutex);
         chosen = gOverride;
     }
     if (chosen.empty())
@@ -158,7 +158,7 @@ std::filesystem::path AppGroup::sharedLogDirectory() {
 }
 
 void AppGroup::setContainerDirectoryForTesting(const std::filesystem::path& directory) {
-    std::lock_guard lock(gMutex);
+    std::lock_guard lock(gOverrideMutex);
     gOverride = directory;
 }
 

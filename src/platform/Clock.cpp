@@ -7,14 +7,14 @@
 namespace lmkit {
 
 namespace {
-std::mutex gMutex;
-std::function<double()> gSource;  // guarded by gMutex
+std::mutex gSourceMutex;
+std::function<double()> gSource;  // guarded by gSourceMutex
 std::atomic<bool> gInjected{false};
 }  // namespace
 
 double Clock::nowMilliseconds() {
     if (gInjected.load(std::memory_order_acquire)) {
-        std::lock_guard lock(gMutex);
+        std::lock_guard lock(gSourceMutex);
         if (gSource)
             return gSource();
     }
@@ -35,7 +35,7 @@ double Clock::millisecondsFromRealtime(long long seconds, long nanoseconds) {
 }
 
 void Clock::setNowForTesting(std::function<double()> source) {
-    std::lock_guard lock(gMutex);
+    std::lock_guard lock(gSourceMutex);
     gSource = std::move(source);
     gInjected.store(static_cast<bool>(gSource), std::memory_order_release);
 }

@@ -30,6 +30,19 @@
 
 namespace lmkit {
 
+// Named, not anonymous: the socket's state, a class with external linkage, holds one.
+namespace udp_socket_detail {
+
+/// A destination in socket-address form.
+struct Destination {
+    sockaddr_storage storage{};
+    socklen_t length = 0;
+    int family = 0;
+};
+
+}  // namespace udp_socket_detail
+using udp_socket_detail::Destination;
+
 namespace {
 
 // Datagrams taken from the kernel per system call; one call empties most reply bursts.
@@ -71,13 +84,6 @@ Error posixError(int code) {
 Error socketError(long code, std::string description) {
     return Error::withDescription(UdpSocket::kSocketErrorDomain, code, std::move(description));
 }
-
-/// A destination in socket-address form.
-struct Destination {
-    sockaddr_storage storage{};
-    socklen_t length = 0;
-    int family = 0;
-};
 
 std::optional<Destination> parseLiteral(const std::string& host, uint16_t port) {
     Destination destination;

@@ -25,8 +25,6 @@ constexpr const char* kErrorDomain = "EchoServerErrorDomain";
 // Datagrams taken (and answered) per system call.
 constexpr unsigned kBatch = 64;
 constexpr size_t kMaxPayload = 65536;
-// Each endpoint may face a burst of thousands of probes at once.
-constexpr int kBufferBytes = 4 * 1024 * 1024;
 
 Error failure(const std::string& text) {
     return Error::withDescription(kErrorDomain, 1, text);
@@ -218,13 +216,13 @@ std::unique_ptr<EchoServer> EchoServer::start(const std::vector<EchoEndpointConf
         if (!address)
             return fail("not an IP address: " + endpoint.config.host);
         std::string where = endpoint.config.host + ":" + std::to_string(endpoint.config.port);
-        endpoint.fd = testbed::openBound(*address, length, kBufferBytes, reason);
+        endpoint.fd = testbed::openBound(*address, length, testbed::kBufferBytes, reason);
         if (endpoint.fd < 0)
             return fail("cannot listen on " + where + ": " + reason);
         endpoint.config.port = testbed::boundPort(endpoint.fd);
         if (faults.otherPort) {
             auto other = testbed::makeAddress(endpoint.config.host, 0, length);
-            endpoint.otherFd = testbed::openBound(*other, length, kBufferBytes, reason);
+            endpoint.otherFd = testbed::openBound(*other, length, testbed::kBufferBytes, reason);
             if (endpoint.otherFd < 0) {
                 ::close(endpoint.fd);
                 return fail("cannot open a second port on " + where + ": " + reason);

@@ -8,6 +8,10 @@
 
 namespace lmkit::testbed {
 
+/// The send and receive buffers of a server's sockets: each may face a burst of thousands of
+/// probes at once.
+inline constexpr int kBufferBytes = 4 * 1024 * 1024;
+
 /// The socket address of an IPv4 or IPv6 literal and a port, with its length; nil for a name
 /// or anything else that is not a literal. The test servers bind only to literals.
 std::optional<sockaddr_storage> makeAddress(const std::string& host, std::uint16_t port,

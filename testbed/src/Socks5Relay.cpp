@@ -25,18 +25,17 @@ using testbed::ServerLoop;
 
 namespace {
 
-constexpr const char* kErrorDomain = "Socks5RelayErrorDomain";
+constexpr const char* kRelayErrorDomain = "Socks5RelayErrorDomain";
 constexpr const char* kLogTag = "[Socks5Relay] ";
 constexpr std::size_t kRequestHeader = 16;
 constexpr std::size_t kReplyHeader = 14;
 constexpr std::size_t kMaxDatagram = 65536;
-constexpr int kBufferBytes = 4 * 1024 * 1024;
 // Idle associations are looked for this often at most: a minute's time-out need not be met to
 // the millisecond, and a test's short one still is closely.
 constexpr double kLongestSweepSeconds = 1.0;
 
-Error failure(const std::string& text) {
-    return Error::withDescription(kErrorDomain, 1, text);
+Error relayFailure(const std::string& text) {
+    return Error::withDescription(kRelayErrorDomain, 1, text);
 }
 
 std::string addressKey(const sockaddr_storage& address, socklen_t length) {
@@ -152,7 +151,7 @@ struct Socks5Relay::Impl {
         sockaddr_storage any{};
         any.ss_family = AF_INET;
         std::string reason;
-        int fd = testbed::openBound(any, sizeof(sockaddr_in), kBufferBytes, reason);
+        int fd = testbed::openBound(any, sizeof(sockaddr_in), testbed::kBufferBytes, reason);
         if (fd < 0) {
             log::error(
                 fmt::format("{}no upstream socket for {}: {}", kLogTag, describe(client), reason));
@@ -280,7 +279,7 @@ std::unique_ptr<Socks5Relay> Socks5Relay::start(const Socks5RelayConfig& config,
                                                 Error* error) {
     auto fail = [&](const std::string& text) -> std::unique_ptr<Socks5Relay> {
         if (error)
-            *error = failure(text);
+            *error = relayFailure(text);
         return nullptr;
     };
     if (config.faults.loss < 0 || config.faults.loss > 1 || config.faults.delaySeconds < 0)
@@ -298,7 +297,7 @@ std::unique_ptr<Socks5Relay> Socks5Relay::start(const Socks5RelayConfig& config,
     auto address = testbed::makeAddress(config.host, config.port, length);
     if (!address)
         return fail("not an IP address: " + config.host);
-    impl->listenFd = testbed::openBound(*address, length, kBufferBytes, reason);
+    impl->listenFd = testbed::openBound(*address, length, testbed::kBufferBytes, reason);
     if (impl->listenFd < 0)
         return fail("cannot listen on " + config.host + ":" + std::to_string(config.port) + ": " +
                     reason);

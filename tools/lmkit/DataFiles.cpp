@@ -14,10 +14,6 @@ namespace lmkit::tool {
 
 namespace {
 
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
 bool isStandardStream(const std::string& path) {
     return path.empty() || path == "-";
 }

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <limits>
 #include <string>
@@ -14,6 +15,11 @@ namespace lmkit::tool {
 /// Documents larger than this are refused unless a subcommand's --max-bytes allows more: a
 /// service document is a few MB, and /dev/zero must not take the memory of the machine.
 inline constexpr std::uint64_t kDefaultMaxInputBytes = 64ull << 20;
+
+/// Closes a file owned by a std::unique_ptr.
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
 
 /// Reads the whole file, or standard input when `path` is empty or "-", refusing it as soon as it
 /// grows past `maxBytes`. Throws Failure with a line that names the file when it cannot be read

@@ -23,6 +23,7 @@
 
 #include "Command.hpp"
 #include "DataFiles.hpp"
+#include "InterruptWatch.hpp"
 #include "lmkit/foundation/LogProcessStream.hpp"
 #include "lmkit/platform/Clock.hpp"
 #include "lmkit/tunnel/BoostEffectDataManager.hpp"
@@ -97,32 +98,6 @@ BoostEffectEnvironment loopbackEnvironment(const std::shared_ptr<WormholeManager
 }
 
 // ---- app side ----------------------------------------------------------------------------
-
-volatile std::sig_atomic_t gInterrupted = 0;
-
-// While the road runs, Ctrl-C or a stop request ends it through the failure path, so that the
-// tunnel is stopped and reaped and the scratch directory removed.
-class InterruptWatch {
-  public:
-    InterruptWatch() {
-        gInterrupted = 0;
-        struct sigaction action {};
-        action.sa_handler = [](int) { gInterrupted = 1; };
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGINT, &action, &previousInt_);
-        sigaction(SIGTERM, &action, &previousTerm_);
-    }
-    ~InterruptWatch() {
-        sigaction(SIGINT, &previousInt_, nullptr);
-        sigaction(SIGTERM, &previousTerm_, nullptr);
-    }
-    InterruptWatch(const InterruptWatch&) = delete;
-    InterruptWatch& operator=(const InterruptWatch&) = delete;
-
-  private:
-    struct sigaction previousInt_ {};
-    struct sigaction previousTerm_ {};
-};
 
 // The scratch app-group directory, removed with everything in it.
 class ScratchDirectory {
@@ -373,7 +348,7 @@ DemoRoadResult runDemoRoad(const DemoRoadRequest& request) {
         while (std::chrono::steady_clock::now() < deadline) {
             if (news->waitFor(0.1, ready))
                 return true;
-            if (gInterrupted)
+            if (InterruptWatch::interrupted())
                 throw Failure("interrupted");
             if (auto status = tunnel.exited())
                 throw Failure(fmt::format("the tunnel ended early (exit status {})", *status));

@@ -1,23 +1,17 @@
 // lmkit echo-server: UDP echo endpoints (with optional faults) for demos, tests and benchmarks.
 #include <netinet/in.h>
 
-#include <csignal>
 #include <cstdio>
 #include <thread>
 
 #include <nlohmann/json.hpp>
 
 #include "Command.hpp"
+#include "InterruptWatch.hpp"
 #include "lmkit/testbed/EchoServer.hpp"
 
 namespace lmkit::tool {
 namespace {
-
-volatile std::sig_atomic_t gInterrupted = 0;
-
-void onSignal(int) {
-    gInterrupted = 1;
-}
 
 struct EchoOptions {
     std::vector<std::string> listen;
@@ -93,10 +87,9 @@ Command echoServer(
             }
             std::fflush(stdout);
 
-            std::signal(SIGINT, onSignal);
-            std::signal(SIGTERM, onSignal);
+            InterruptWatch interrupts;
             auto started = std::chrono::steady_clock::now();
-            while (!gInterrupted) {
+            while (!InterruptWatch::interrupted()) {
                 if (options->duration > 0 && std::chrono::steady_clock::now() - started >=
                                                  std::chrono::duration<double>(options->duration)) {
                     break;

@@ -9,6 +9,7 @@
 
 #include "ByteCount.hpp"
 #include "Command.hpp"
+#include "DataFiles.hpp"
 #include "GunzipStream.hpp"
 #include "OutputFile.hpp"
 
@@ -23,10 +24,6 @@ struct GunzipOptions {
     std::string input;
     std::string output;
     std::string maxBytes = kDefaultMaxBytes;
-};
-
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
 Command gunzip("gunzip", "Decompress gzip members or a zlib stream (file or standard input)",

@@ -1,25 +1,19 @@
 // lmkit monitor: watch the local network with the network monitor until it reaches a verdict.
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <thread>
 
 #include <nlohmann/json.hpp>
 
 #include "Command.hpp"
+#include "InterruptWatch.hpp"
 #include "lmkit/foundation/UserDefaults.hpp"
 #include "lmkit/nodes/NetworkMonitor.hpp"
 #include "lmkit/nodes/QosSpeedTestOperation.hpp"
 
 namespace lmkit::tool {
 namespace {
-
-volatile std::sig_atomic_t gInterrupted = 0;
-
-void onSignal(int) {
-    gInterrupted = 1;
-}
 
 struct MonitorOptions {
     std::string target;
@@ -83,11 +77,10 @@ int runMonitor(const MonitorOptions& options, const Common& common) {
         std::fflush(stdout);
     }
 
-    std::signal(SIGINT, onSignal);
-    std::signal(SIGTERM, onSignal);
+    InterruptWatch interrupts;
     monitor->startMonitorWithTargetAddress(host);
     auto started = std::chrono::steady_clock::now();
-    while (!gInterrupted && monitor->isRunning()) {
+    while (!InterruptWatch::interrupted() && monitor->isRunning()) {
         if (options.duration > 0 && std::chrono::steady_clock::now() - started >=
                                         std::chrono::duration<double>(options.duration))
             break;

@@ -1,23 +1,17 @@
 // lmkit socks5-relay: a SOCKS5-style UDP relay (token-checked, with optional delay and loss) for
 // trying the proxy speed test on one machine.
-#include <csignal>
 #include <cstdio>
 #include <thread>
 
 #include <nlohmann/json.hpp>
 
 #include "Command.hpp"
+#include "InterruptWatch.hpp"
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/testbed/Socks5Relay.hpp"
 
 namespace lmkit::tool {
 namespace {
-
-volatile std::sig_atomic_t gInterrupted = 0;
-
-void onSignal(int) {
-    gInterrupted = 1;
-}
 
 struct RelayOptions {
     std::string host = "127.0.0.1";
@@ -82,10 +76,9 @@ Command socks5Relay(
                             endpoint.port);
             }
             std::fflush(stdout);
-            std::signal(SIGINT, onSignal);
-            std::signal(SIGTERM, onSignal);
+            InterruptWatch interrupts;
             auto started = std::chrono::steady_clock::now();
-            while (!gInterrupted) {
+            while (!InterruptWatch::interrupted()) {
                 if (options->duration > 0 && std::chrono::steady_clock::now() - started >=
                                                  std::chrono::duration<double>(options->duration))
                     break;

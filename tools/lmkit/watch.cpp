@@ -1,6 +1,5 @@
 // lmkit watch: a selection every few seconds, with a history, a sticky choice, metrics for
 // Prometheus and a latency chart. The selection is the kit's own; watch keeps what it says.
-#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <map>
@@ -11,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Command.hpp"
+#include "InterruptWatch.hpp"
 #include "LatencyChart.hpp"
 #include "MetricsExporter.hpp"
 #include "NodeRun.hpp"
@@ -21,12 +21,6 @@
 
 namespace lmkit::tool {
 namespace {
-
-volatile std::sig_atomic_t gStop = 0;
-
-void onSignal(int) {
-    gStop = 1;
-}
 
 struct WatchOptions {
     std::vector<std::string> targets;
@@ -206,8 +200,7 @@ int runWatch(const WatchOptions& options, const Common& common) {
     if (auto last = history->lastChosen())
         choice.restore(*last);
 
-    std::signal(SIGINT, onSignal);
-    std::signal(SIGTERM, onSignal);
+    InterruptWatch interrupts;
     if (!common.json) {
         std::printf(
             "watching %zu nodes every %gs (switch after %ld rounds beyond a gap of %g); "
@@ -228,7 +221,7 @@ int runWatch(const WatchOptions& options, const Common& common) {
     std::map<std::string, double> lastLoss;
     long number = 0;
     auto next = std::chrono::steady_clock::now();
-    while (!gStop && (options.rounds == 0 || number < options.rounds)) {
+    while (!InterruptWatch::interrupted() && (options.rounds == 0 || number < options.rounds)) {
         std::string best;
         WatchRound round = measure(byPort, config, options, best);
         std::map<std::string, double> scores;
@@ -251,7 +244,7 @@ int runWatch(const WatchOptions& options, const Common& common) {
 
         next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(
             std::chrono::duration<double>(options.every));
-        while (!gStop && (options.rounds == 0 || number < options.rounds) &&
+        while (!InterruptWatch::interrupted() && (options.rounds == 0 || number < options.rounds) &&
                std::chrono::steady_clock::now() < next)
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
