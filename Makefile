@@ -5,18 +5,22 @@ JOBS ?= $(shell nproc)
 # Seconds each fuzz target runs under libFuzzer in `make fuzz`.
 FUZZ_SECONDS ?= 60
 
-.PHONY: setup release demo test asan tsan bench fuzz consumer format clean
+.PHONY: setup setup-build release demo test asan tsan bench fuzz consumer format clean
 
 setup:
 	@./scripts/setup
+
+setup-build:
+	@./scripts/setup --build
 
 release: setup
 	@cmake --preset release >/dev/null
 	@cmake --build --preset release -j $(JOBS)
 
-# The demo needs the tool only: a fresh machine need not compile the tests to see it run.
-demo: setup
-	@cmake --preset release >/dev/null
+# The demo needs the tool only: a fresh machine need not install the tests' packages nor compile
+# the tests to see it run.
+demo: setup-build
+	@cmake --preset release -DLMKIT_BUILD_TESTS=OFF >/dev/null
 	@cmake --build --preset release -j $(JOBS) --target lmkit_tool
 	@./build/release/tools/lmkit/lmkit demo
 
