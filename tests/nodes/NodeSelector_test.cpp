@@ -13,6 +13,7 @@
 #include "support/TestSupport.hpp"
 
 using namespace lmkit;
+using lmkit::testing::delayed;
 using lmkit::testing::waitFor;
 using Nodes = NodeSelector::Nodes;
 
@@ -52,15 +53,8 @@ Nodes nodesAt(std::size_t count, std::size_t first = 0) {
     return nodes;
 }
 
-EchoFaults delayed(double ms, double loss = 0) {
-    EchoFaults faults;
-    faults.delaySeconds = ms / 1000;
-    faults.loss = loss;
-    return faults;
-}
-
 // Everything one run reported.
-struct Outcome {
+struct SelectionOutcome {
     std::mutex mutex;
     std::atomic<int> successes{0};
     std::atomic<int> failures{0};
@@ -103,7 +97,7 @@ TEST(NodeSelector, PicksTheFastestSteadyNodeOverRealEchoes) {
     ASSERT_TRUE(echoes.server);
     auto selector = makeSelector(0.5, 5, echoes.port);
     log::Capture capture;
-    Outcome outcome;
+    SelectionOutcome outcome;
     selector->pickBestNodeFromNodes(nodesAt(4), AccConfig::defaultConfig(),
                                     NodeSelector::kDelayModeAvg, outcome.success(),
                                     outcome.failure());
@@ -143,7 +137,7 @@ TEST(NodeSelector, MultipathMeasuresEveryNodeAndPacesManyServers) {
     Echoes echoes(faults);
     ASSERT_TRUE(echoes.server);
     auto selector = makeSelector(0.4, 3, echoes.port);
-    Outcome outcome;
+    SelectionOutcome outcome;
     selector->testMultipathNodeFromNodes(nodesAt(12), AccConfig::defaultConfig(),
                                          NodeSelector::kDelayModeMin, outcome.success(),
                                          outcome.failure());
@@ -168,7 +162,7 @@ TEST(NodeSelector, ASubMillisecondNodeOutranksASlowerOne) {
     ASSERT_TRUE(echoes.server);
     for (int run = 0; run < 3; ++run) {
         auto selector = makeSelector(0.5, 5, echoes.port);
-        Outcome outcome;
+        SelectionOutcome outcome;
         selector->pickBestNodeFromNodes(nodesAt(2), AccConfig::defaultConfig(),
                                         NodeSelector::kDelayModeAvg, outcome.success(),
                                         outcome.failure());
@@ -190,7 +184,7 @@ TEST(NodeSelector, DelayArithmeticWithAnInjectedClock) {
     Clock::setNowForTesting([&] { return now.load(); });
     auto selector = makeSelector(3.0, 5, echoes.port);
     selector->setSendDataPrefix("QOS");
-    Outcome outcome;
+    SelectionOutcome outcome;
     selector->pickBestNodeFromNodes(nodesAt(1), AccConfig::defaultConfig(),
                                     NodeSelector::kDelayModeAvg, outcome.success(),
                                     outcome.failure());
@@ -217,7 +211,7 @@ TEST(NodeSelector, SilentServersTimeOut) {
     {
         // Nobody answers on 127.0.0.10 and 127.0.0.11.
         auto selector = makeSelector(0.3, 2, echoes.port);
-        Outcome outcome;
+        SelectionOutcome outcome;
         selector->pickBestNodeFromNodes(nodesAt(2, 9), AccConfig::defaultConfig(),
                                         NodeSelector::kDelayModeAvg, outcome.success(),
                                         outcome.failure());
@@ -233,7 +227,7 @@ TEST(NodeSelector, SilentServersTimeOut) {
     {
         // One of three answers: the run ends normally and names the silent ones.
         auto selector = makeSelector(0.3, 2, echoes.port);
-        Outcome outcome;
+        SelectionOutcome outcome;
         Nodes nodes = nodesAt(1);
         for (auto& node : nodesAt(2, 9))
             nodes.push_back(node);
@@ -264,7 +258,7 @@ TEST(NodeSelector, NoBufferSpaceRefusalFailsTheRunAndThinsTheNext) {
     ASSERT_TRUE(selector->createUdpSocketIfHasError());
     selector->udpSocket()->failNextSendsForTesting(1, ENOBUFS);
     log::Capture capture;
-    Outcome first;
+    SelectionOutcome first;
     selector->pickBestNodeFromNodes(nodesAt(12), AccConfig::defaultConfig(),
                                     NodeSelector::kDelayModeAvg, first.success(), first.failure());
     ASSERT_TRUE(waitFor([&] { return first.reports() > 0; }, 10));
@@ -281,7 +275,7 @@ TEST(NodeSelector, NoBufferSpaceRefusalFailsTheRunAndThinsTheNext) {
     EXPECT_TRUE(capture.contains("didNotSendDataWithTag due to error:"));
     EXPECT_TRUE(capture.contains("udpSocketDidClose with error:"));
 
-    Outcome second;
+    SelectionOutcome second;
     selector->pickBestNodeFromNodes(nodesAt(12), AccConfig::defaultConfig(),
                                     NodeSelector::kDelayModeAvg, second.success(),
                                     second.failure());
@@ -298,7 +292,7 @@ TEST(NodeSelector, StopAndReleaseEndARunSilently) {
     EchoFaults late = delayed(50);
     Echoes echoes({late, late});
     ASSERT_TRUE(echoes.server);
-    Outcome stopped;
+    SelectionOutcome stopped;
     auto selector = makeSelector(0.2, 3, echoes.port);
     selector->pickBestNodeFromNodes(nodesAt(2), AccConfig::defaultConfig(),
                                     NodeSelector::kDelayModeAvg, stopped.success(),
@@ -306,7 +300,7 @@ TEST(NodeSelector, StopAndReleaseEndARunSilently) {
     selector->stop();
     EXPECT_EQ(selector->udpSocket(), nullptr);
 
-    Outcome released;
+    SelectionOutcome released;
     auto doomed = makeSelector(0.2, 3, echoes.port);
     std::weak_ptr<NodeSelector> weak = doomed;
     doomed->pickBestNodeFromNodes(nodesAt(2), AccConfig::defaultConfig(),
@@ -318,7 +312,7 @@ TEST(NodeSelector, StopAndReleaseEndARunSilently) {
     EXPECT_TRUE(weak.expired());
 
     // A stopped selector runs again.
-    Outcome again;
+    SelectionOutcome again;
     selector->pickBestNodeFromNodes(nodesAt(2), AccConfig::defaultConfig(),
                                     NodeSelector::kDelayModeMin, again.success(), again.failure());
     ASSERT_TRUE(waitFor([&] { return again.reports() > 0; }, 10));
@@ -342,7 +336,7 @@ TEST(NodeSelector, ReportsOnceUnderDuplicateLateAndGarbageReplies) {
     ASSERT_TRUE(echoes.server);
     for (int round = 0; round < 3; ++round) {
         auto selector = makeSelector(0.3, 4, echoes.port);
-        Outcome outcome;
+        SelectionOutcome outcome;
         selector->pickBestNodeFromNodes(nodesAt(5), AccConfig::defaultConfig(),
                                         NodeSelector::kDelayModeAvg, outcome.success(),
                                         outcome.failure());
@@ -376,7 +370,7 @@ TEST(NodeSelector, ZeroScoresAndOtherDelayModes) {
         config->load = Number(0);
         config->isp = Number(0);
         auto selector = makeSelector(0.3, 2, echoes.port);
-        Outcome outcome;
+        SelectionOutcome outcome;
         selector->pickBestNodeFromNodes(nodesAt(1), config, NodeSelector::kDelayModeAvg,
                                         outcome.success(), outcome.failure());
         ASSERT_TRUE(waitFor(
@@ -386,7 +380,7 @@ TEST(NodeSelector, ZeroScoresAndOtherDelayModes) {
     {
         // A delay mode that is neither avg nor min reports the fallback delay.
         auto selector = makeSelector(0.3, 2, echoes.port);
-        Outcome outcome;
+        SelectionOutcome outcome;
         selector->pickBestNodeFromNodes(nodesAt(1), AccConfig::defaultConfig(), 7,
                                         outcome.success(), outcome.failure());
         ASSERT_TRUE(waitFor([&] { return outcome.reports() > 0; }, 10));
@@ -399,7 +393,7 @@ TEST(NodeSelector, ZeroScoresAndOtherDelayModes) {
         // An empty list fails before the run's callbacks are stored: the caller hears nothing,
         // and the error (code 5) waits on the selector.
         auto selector = makeSelector(0.3, 2, echoes.port);
-        Outcome outcome;
+        SelectionOutcome outcome;
         selector->pickBestNodeFromNodes({}, AccConfig::defaultConfig(), 0, outcome.success(),
                                         outcome.failure());
         ASSERT_TRUE(waitFor([&] { return selector->error().has_value(); }, 5));
@@ -444,7 +438,7 @@ TEST(NodeSelector, ANodeAtANativeIPv6AddressIsMeasured) {
         GTEST_SKIP() << "no IPv6 loopback";
     auto selector = makeSelector(0.3, 2, v6.port);
     log::Capture capture;
-    Outcome outcome;
+    SelectionOutcome outcome;
     auto node = std::make_shared<AccNode>();
     node->pingServer = "::1";
     selector->pickBestNodeFromNodes({node}, AccConfig::defaultConfig(), NodeSelector::kDelayModeAvg,

@@ -26,7 +26,7 @@ namespace {
 
 constexpr uint32_t kToken = 305419896;  // 0x12345678
 
-struct Outcome {
+struct SpeedTestOutcome {
     mutable std::mutex mutex;
     std::vector<std::pair<double, double>> results;
     std::vector<std::optional<Error>> failures;
@@ -77,7 +77,7 @@ struct Path {
 // a heavily loaded machine (sanitizers, parallel builds) can stall even a loopback echo past it;
 // such a run fails with code 2 and is tried again, up to `attempts` times.
 template <class Start>
-void runToReport(Outcome& outcome, Start start, int attempts = 3) {
+void runToReport(SpeedTestOutcome& outcome, Start start, int attempts = 3) {
     for (int attempt = 0; attempt < attempts; ++attempt) {
         {
             std::lock_guard guard(outcome.mutex);
@@ -132,7 +132,7 @@ TEST(ProxySpeedTest, RequestHeaderNamesTargetTokenAndLocalPort) {
     // 2^32 + 0x12345678: only the low 32 bits travel.
     auto test = ProxySpeedTest::create(0, 2, 0, "127.0.0.1", 0x10000 + proxy->port(), "4600387192");
     ASSERT_TRUE(test);
-    Outcome outcome;
+    SpeedTestOutcome outcome;
     test->speedTestToTargetAddress("127.1.2.3", 0x11f90, outcome.success(), outcome.failure());
     ASSERT_TRUE(waitFor([&] { return proxy->receivedCount() == 2; }));
     auto request = proxy->received()[0];
@@ -212,7 +212,7 @@ TEST(ProxySpeedTest, MeasuresThroughARealRelay) {
     ASSERT_TRUE(path.echo && path.relay);
     for (double interval : {0.0, 0.02}) {
         auto test = path.makeTest(5, interval);
-        Outcome outcome;
+        SpeedTestOutcome outcome;
         runToReport(outcome, [&] {
             test->speedTestToTargetAddress("127.0.0.1", path.echoPort, outcome.success(),
                                            outcome.failure());
@@ -260,7 +260,7 @@ TEST(ProxySpeedTest, MalformedRepliesAreDroppedAndTheDeadlineDecides) {
         // Paced, so that the first replies have several hundred milliseconds to come back
         // before the deadline even on a loaded machine.
         auto test = path.makeTest(3, 0.15, c.token);
-        Outcome outcome;
+        SpeedTestOutcome outcome;
         test->speedTestToTargetAddress("127.0.0.1", path.echoPort, outcome.success(),
                                        outcome.failure());
         ASSERT_TRUE(waitFor([&] { return outcome.reports() == 1; })) << c.name;
@@ -309,7 +309,7 @@ TEST(ProxySpeedTest, StatisticsUseATrimmedMeanAndSinglePrecisionLoss) {
     };
     for (const auto& c : cases) {
         FixedClock clock(kStart);
-        Outcome outcome;
+        SpeedTestOutcome outcome;
         std::shared_ptr<ProxySpeedTest> test;
         runToReport(outcome, [&] {
             clock.set(kStart);
@@ -334,7 +334,7 @@ TEST(ProxySpeedTest, StatisticsUseATrimmedMeanAndSinglePrecisionLoss) {
     auto proxy = ScriptedPeer::start(
         [](const Bytes& request) { return std::vector<Bytes>{reply(payloadOf(request))}; });
     auto test = ProxySpeedTest::create(0, 2, 0, "127.0.0.1", proxy->port(), "1");
-    Outcome outcome;
+    SpeedTestOutcome outcome;
     test->speedTestToTargetAddress("127.0.0.1", 9, outcome.success(), outcome.failure());
     ASSERT_TRUE(waitFor([&] { return outcome.reports() == 1; }));
     setLocalizedStringTable({});
@@ -352,7 +352,7 @@ TEST(ProxySpeedTest, BadTokenAndBadEchoesFailByTheDeadline) {
     });
     // A token with trailing text: nothing can be wrapped, yet every datagram is counted.
     auto unbuildable = ProxySpeedTest::create(0, 3, 0, "127.0.0.1", proxy->port(), "12a");
-    Outcome first;
+    SpeedTestOutcome first;
     unbuildable->speedTestToTargetAddress("127.0.0.1", 9, first.success(), first.failure());
     ASSERT_TRUE(waitFor([&] { return first.reports() == 1; }));
     EXPECT_EQ(unbuildable->sentPacketNumber(), 3);
@@ -364,7 +364,7 @@ TEST(ProxySpeedTest, BadTokenAndBadEchoesFailByTheDeadline) {
 
     // Paced, so that the replies have time to come back before the deadline.
     auto test = ProxySpeedTest::create(0.15, 2, 0, "127.0.0.1", proxy->port(), "1");
-    Outcome second;
+    SpeedTestOutcome second;
     test->speedTestToTargetAddress("127.0.0.1", 9, second.success(), second.failure());
     ASSERT_TRUE(waitFor([&] { return second.reports() == 1; }));
     std::lock_guard guard(second.mutex);
@@ -388,7 +388,7 @@ TEST(ProxySpeedTest, SocketClosesEndATest) {
     };
     for (const auto& c : cases) {
         auto test = ProxySpeedTest::create(0.5, 10, 0, "127.0.0.1", silent->port(), "1");
-        Outcome outcome;
+        SpeedTestOutcome outcome;
         test->speedTestToTargetAddress("127.0.0.1", 9, outcome.success(), outcome.failure());
         auto socket = test->udpSocket();
         ASSERT_TRUE(socket);
@@ -423,7 +423,7 @@ TEST(ProxySpeedTest, StopAndReleaseInTheMiddleReportNothing) {
 
     // Stopped while pacing, after the first echoes are in.
     auto stopped = path.makeTest(20, 0.05);
-    Outcome stoppedOutcome;
+    SpeedTestOutcome stoppedOutcome;
     stopped->speedTestToTargetAddress("127.0.0.1", path.echoPort, stoppedOutcome.success(),
                                       stoppedOutcome.failure());
     ASSERT_TRUE(waitFor([&] { return path.relay->repliesRelayed() >= 2; }));
@@ -433,13 +433,13 @@ TEST(ProxySpeedTest, StopAndReleaseInTheMiddleReportNothing) {
 
     // Stopped before its start task ran.
     auto early = path.makeTest(3);
-    Outcome earlyOutcome;
+    SpeedTestOutcome earlyOutcome;
     early->speedTestToTargetAddress("127.0.0.1", path.echoPort, earlyOutcome.success(),
                                     earlyOutcome.failure());
     early->stop();
 
     // Released in the middle of a burst and of a paced test.
-    Outcome releasedOutcome;
+    SpeedTestOutcome releasedOutcome;
     for (double interval : {0.0, 0.01}) {
         auto released = path.makeTest(5, interval);
         released->speedTestToTargetAddress("127.0.0.1", path.echoPort, releasedOutcome.success(),

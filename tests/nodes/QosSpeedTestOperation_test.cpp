@@ -15,19 +15,19 @@ using namespace lmkit;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Steady = std::chrono::steady_clock;
 
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
+double secondsSince(Steady::time_point start) {
+    return std::chrono::duration<double>(Steady::now() - start).count();
 }
 
 // Echo endpoints on 127.0.0.1, 127.0.0.2, ... with the given delays in ms (a negative delay: the
 // endpoint never answers).
-struct Echoes {
+struct DelayedEchoes {
     std::unique_ptr<EchoServer> server;
     std::vector<std::string> addresses;
 
-    explicit Echoes(const std::vector<double>& delays) {
+    explicit DelayedEchoes(const std::vector<double>& delays) {
         std::vector<EchoEndpointConfig> endpoints;
         for (std::size_t i = 0; i < delays.size(); ++i) {
             EchoFaults faults;
@@ -65,12 +65,12 @@ struct Notifications {
 }  // namespace
 
 TEST(QosSpeedTestOperationTest, CollectsEveryAnswerInArrivalOrderAndEndsWithTheLast) {
-    Echoes echoes({60, 5, 30});
+    DelayedEchoes echoes({60, 5, 30});
     auto operation = QosSpeedTestOperation::create(echoes.addresses);
     Notifications notifications;
     notifications.watch(*operation);
     OperationQueue queue;
-    auto start = Clock::now();
+    auto start = Steady::now();
     queue.addOperation(operation);
     ASSERT_TRUE(queue.waitUntilAllOperationsAreFinished(10));
     double elapsed = secondsSince(start);
@@ -99,12 +99,12 @@ TEST(QosSpeedTestOperationTest, CollectsEveryAnswerInArrivalOrderAndEndsWithTheL
 }
 
 TEST(QosSpeedTestOperationTest, SilentAddressesEndAtTheBudgetWithoutAResult) {
-    Echoes echoes({10, -1});
+    DelayedEchoes echoes({10, -1});
     std::vector<std::string> addresses = echoes.addresses;
     addresses.push_back("not:an:address:");  // reported as nothing, at once
     auto operation = QosSpeedTestOperation::create(addresses);
     operation->setSendDataPrefix("qos-");
-    auto start = Clock::now();
+    auto start = Steady::now();
     operation->start();
     EXPECT_TRUE(operation->isExecuting());
     ASSERT_TRUE(operation->waitUntilFinished(15));
@@ -121,7 +121,7 @@ TEST(QosSpeedTestOperationTest, SilentAddressesEndAtTheBudgetWithoutAResult) {
 }
 
 TEST(QosSpeedTestOperationTest, ACancelledOperationFinishesWithoutProbing) {
-    Echoes echoes({1});
+    DelayedEchoes echoes({1});
     auto operation = QosSpeedTestOperation::create(echoes.addresses);
     Notifications notifications;
     notifications.watch(*operation);

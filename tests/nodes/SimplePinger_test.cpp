@@ -16,6 +16,7 @@
 
 using namespace lmkit;
 using lmkit::testing::bytes;
+using lmkit::testing::delayed;
 using lmkit::testing::ScriptedPeer;
 using lmkit::testing::text;
 using lmkit::testing::waitFor;
@@ -23,7 +24,7 @@ using lmkit::testing::waitFor;
 namespace {
 
 // Everything one pinger reported, with the queue each report ran on.
-struct Outcome {
+struct PingOutcome {
     mutable std::mutex mutex;
     std::vector<double> delays;
     std::vector<std::optional<Error>> failures;
@@ -53,12 +54,6 @@ std::unique_ptr<EchoServer> echoServer(EchoFaults faults = {}) {
     return EchoServer::start({EchoEndpointConfig{"127.0.0.1", 0, faults}}, 3);
 }
 
-EchoFaults delayed(double ms) {
-    EchoFaults faults;
-    faults.delaySeconds = ms / 1000;
-    return faults;
-}
-
 // Restores the shared monitor's interface naming when a test ends.
 struct NamingGuard {
     InterfaceNaming saved = VPNNetworkStatusMonitor::sharedMonitor().interfaceNaming();
@@ -74,7 +69,7 @@ TEST(SimplePinger, MeasuresAnEchoOnceAndReusesItsSocketForTheNextMeasurement) {
     ASSERT_TRUE(server);
     auto port = server->endpoints()[0].port;
     auto pinger = SimplePinger::create(0, 2.0, SimplePingNode("127.0.0.1", 0x10000 + port));
-    Outcome outcome;
+    PingOutcome outcome;
 
     pinger->testPing(outcome.success(), outcome.failure());
     ASSERT_TRUE(waitFor([&] { return outcome.reports() == 1; }));
@@ -118,7 +113,7 @@ TEST(SimplePinger, SendsTheStampAloneAndComputesTheDelayFromItsOrigin) {
     auto callbacks = DispatchQueue::serial("test.pinger.callbacks");
     auto pinger =
         SimplePinger::create(7, 2.0, SimplePingNode("127.0.0.1", peer->port()), callbacks);
-    Outcome outcome;
+    PingOutcome outcome;
     pinger->testPing(outcome.success(), outcome.failure());
     ASSERT_TRUE(waitFor([&] { return outcome.reports() == 1; }));
     // Truncated toward zero: the fraction of the send time counts in the delay.
@@ -144,7 +139,7 @@ TEST(SimplePinger, MalformedAndFutureEchoesAreIgnoredUntilTheTimeout) {
         return std::vector<std::vector<uint8_t>>{bytes("abc"), {}, {0xff, 0xfe}, bytes(future)};
     });
     auto pinger = SimplePinger::create(0, 0.3, SimplePingNode("127.0.0.1", peer->port()));
-    Outcome outcome;
+    PingOutcome outcome;
     pinger->testPing(outcome.success(), outcome.failure());
     ASSERT_TRUE(waitFor([&] { return outcome.reports() == 1; }));
     std::lock_guard guard(outcome.mutex);
@@ -168,7 +163,7 @@ TEST(SimplePinger, ALateEchoIsCountedLateAndNeverCreditedToTheNextMeasurement) {
     ASSERT_TRUE(server);
     auto pinger =
         SimplePinger::create(0, 0.1, SimplePingNode("127.0.0.1", server->endpoints()[0].port));
-    Outcome outcome;
+    PingOutcome outcome;
     pinger->testPing(outcome.success(), outcome.failure());
     ASSERT_TRUE(waitFor([&] { return outcome.reports() == 1; }));
     pinger->testPing(outcome.success(), outcome.failure());
@@ -188,7 +183,7 @@ TEST(SimplePinger, AnEmptyAddressSendsNothingAndNeverReports) {
     for (auto node : {std::optional<SimplePingNode>(SimplePingNode("", peer->port())),
                       std::optional<SimplePingNode>()}) {
         auto pinger = SimplePinger::create(0, 0.05, node);
-        Outcome outcome;
+        PingOutcome outcome;
         pinger->testPing(outcome.success(), outcome.failure());
         // The socket exists once startPing ran; without a timer nothing follows.
         ASSERT_TRUE(waitFor([&] { return pinger->udpSocket() != nullptr; }));
@@ -213,7 +208,7 @@ TEST(SimplePinger, InterfaceBindingFollowsTheStatusMonitor) {
     for (long type : {1L, 2L}) {
         auto pinger = SimplePinger::create(type, 1.0, node);
         EXPECT_FALSE(pinger->isInterfaceUp());
-        Outcome outcome;
+        PingOutcome outcome;
         pinger->testPing(outcome.success(), outcome.failure());
         ASSERT_TRUE(waitFor([&] { return outcome.reports() == 1; }));
         std::lock_guard lock(outcome.mutex);
@@ -235,7 +230,7 @@ TEST(SimplePinger, InterfaceBindingFollowsTheStatusMonitor) {
         monitor.setInterfaceNaming(loopback);
         auto pinger = SimplePinger::create(type, 2.0, node);
         EXPECT_TRUE(pinger->isInterfaceUp());
-        Outcome outcome;
+        PingOutcome outcome;
         pinger->testPing(outcome.success(), outcome.failure());
         ASSERT_TRUE(waitFor([&] { return outcome.reports() == 1; }));
         std::lock_guard lock(outcome.mutex);
@@ -261,7 +256,7 @@ TEST(SimplePinger, SocketEventsEndAPendingMeasurement) {
     };
     for (const auto& c : cases) {
         auto pinger = SimplePinger::create(0, 5.0, node);
-        Outcome outcome;
+        PingOutcome outcome;
         auto sent = silent->receivedCount();
         pinger->testPing(outcome.success(), outcome.failure());
         // Closed once the datagram is out, that is once the socket is bound and receiving.
@@ -286,11 +281,11 @@ TEST(SimplePinger, SocketEventsEndAPendingMeasurement) {
 
     // A datagram the system refuses closes the socket quietly; the timer reports the loss.
     auto pinger = SimplePinger::create(0, 0.2, node);
-    Outcome first;
+    PingOutcome first;
     pinger->testPing(first.success(), first.failure());
     ASSERT_TRUE(waitFor([&] { return first.reports() == 1; }));
     pinger->udpSocket()->failNextSendsForTesting(1, ENOBUFS);
-    Outcome second;
+    PingOutcome second;
     pinger->testPing(second.success(), second.failure());
     ASSERT_TRUE(waitFor([&] { return second.reports() == 1; }));
     EXPECT_EQ(capture.count("didNotSendDataWithTag, bindedInterfaceType:0, error:"), 1u);
@@ -306,20 +301,20 @@ TEST(SimplePinger, StopAndReleaseInTheMiddleReportNothing) {
     ASSERT_TRUE(server);
     SimplePingNode node("127.0.0.1", server->endpoints()[0].port);
 
-    Outcome stopped;
+    PingOutcome stopped;
     auto pinger = SimplePinger::create(0, 0.5, node);
     pinger->testPing(stopped.success(), stopped.failure());
     ASSERT_TRUE(waitFor([&] { return server->requestsReceived() == 1; }));
     pinger->stop();
     ASSERT_TRUE(waitFor([&] { return pinger->udpSocket() == nullptr; }));
 
-    Outcome released;
+    PingOutcome released;
     {
         auto doomed = SimplePinger::create(0, 0.5, node);
         doomed->testPing(released.success(), released.failure());
         ASSERT_TRUE(waitFor([&] { return server->requestsReceived() == 2; }));
     }
-    Outcome releasedAtOnce;
+    PingOutcome releasedAtOnce;
     SimplePinger::create(0, 0.5, node)
         ->testPing(releasedAtOnce.success(), releasedAtOnce.failure());
 

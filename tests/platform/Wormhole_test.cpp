@@ -31,7 +31,7 @@ std::string textOf(const Wormhole::Bytes& bytes) {
 }
 
 // Collects what a listener receives.
-struct Received {
+struct ReceivedMessages {
     std::mutex mutex;
     std::vector<std::string> messages;
 
@@ -93,7 +93,7 @@ TEST(WormholeTest, ListenersGetEachIdentifiersMessagesInOrderEndingWithTheNewest
     TempDir dir;
     Wormhole sender(dir.path(), "Wormhole");
     Wormhole receiver(dir.path(), "Wormhole");
-    Received a, b;
+    ReceivedMessages a, b;
     receiver.listenForMessageWithIdentifier("A", a.listener());
     receiver.listenForMessageWithIdentifier("B", b.listener());
 
@@ -128,7 +128,7 @@ TEST(WormholeTest, StrayFilesAreIgnoredAndWhatCannotBeReadIsMovedAside) {
         std::lock_guard lock(linesMutex);
         lines.push_back(line);
     });
-    Received got;
+    ReceivedMessages got;
     receiver.listenForMessageWithIdentifier("A", got.listener());
 
     // Names that are not messages are left alone. Under message names: a directory, a dangling
@@ -218,7 +218,7 @@ TEST(WormholeTest, AStrayAtTheEndOfTheSequenceSpaceStopsNoWriterAndHidesNoMessag
     Wormhole sender(dir.path(), "Wormhole");
     ASSERT_TRUE(sender.passMessageData("A", bytesOf("before")));
     Wormhole receiver(dir.path(), "Wormhole");
-    Received got;
+    ReceivedMessages got;
     receiver.listenForMessageWithIdentifier("A", got.listener());
     const std::string stray = "A.09999999999999999999-1.archive";
     writeFile(directory / stray, "stray");
@@ -234,7 +234,7 @@ TEST(WormholeTest, AClockStepChangesNoOrder) {
     TempDir dir;
     auto directory = dir.path() / "Wormhole";
     Wormhole receiver(dir.path(), "Wormhole");
-    Received got;
+    ReceivedMessages got;
     receiver.listenForMessageWithIdentifier("A", got.listener());
 
     // A message named by a writer whose clock ran a year ahead (nanoseconds since 1970), with
@@ -270,13 +270,13 @@ TEST(WormholeTest, AClockStepChangesNoOrder) {
 TEST(WormholeTest, StoppingAndClearingEndDelivery) {
     TempDir dir;
     Wormhole channel(dir.path(), "Wormhole");
-    Received got;
+    ReceivedMessages got;
     channel.listenForMessageWithIdentifier("A", got.listener());
     ASSERT_TRUE(channel.passMessageData("A", bytesOf("1")));
     ASSERT_TRUE(waitFor([&] { return got.last() == "1"; }));
 
     // A replaced listener gets what follows; a stopped one gets nothing.
-    Received replacement;
+    ReceivedMessages replacement;
     channel.listenForMessageWithIdentifier("A", replacement.listener());
     ASSERT_TRUE(channel.passMessageData("A", bytesOf("2")));
     ASSERT_TRUE(waitFor([&] { return replacement.last() == "2"; }));
@@ -284,7 +284,7 @@ TEST(WormholeTest, StoppingAndClearingEndDelivery) {
     ASSERT_TRUE(channel.passMessageData("A", bytesOf("3")));
     // The carrier's queue runs in order: once a later message of another identifier has been
     // delivered, "3" would have been too.
-    Received other;
+    ReceivedMessages other;
     channel.listenForMessageWithIdentifier("B", other.listener());
     ASSERT_TRUE(channel.passMessageData("B", bytesOf("x")));
     ASSERT_TRUE(waitFor([&] { return other.last() == "x"; }));

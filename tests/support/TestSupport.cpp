@@ -12,9 +12,18 @@
 #include <thread>
 #include <vector>
 
+#include "lmkit/testbed/EchoServer.hpp"
+
 extern char** environ;
 
 namespace lmkit::testing {
+
+EchoFaults delayed(double ms, double loss) {
+    EchoFaults faults;
+    faults.delaySeconds = ms / 1000;
+    faults.loss = loss;
+    return faults;
+}
 
 bool waitFor(const std::function<bool()>& condition, double seconds) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);

@@ -9,7 +9,15 @@
 
 #include <sys/types.h>
 
+namespace lmkit {
+struct EchoFaults;
+}
+
 namespace lmkit::testing {
+
+/// An echo endpoint's faults: it answers after `ms` milliseconds and drops the share `loss` of
+/// requests.
+EchoFaults delayed(double ms, double loss = 0);
 
 /// Polls `condition` until it holds or `seconds` pass; true when it held. Tests wait for the
 /// event with a deadline instead of sleeping for a guessed time.
