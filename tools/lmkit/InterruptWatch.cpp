@@ -1,5 +1,8 @@
 #include "InterruptWatch.hpp"
 
+#include <chrono>
+#include <thread>
+
 namespace lmkit::tool {
 
 namespace {
@@ -22,6 +25,17 @@ InterruptWatch::~InterruptWatch() {
 
 bool InterruptWatch::interrupted() {
     return gInterrupted != 0;
+}
+
+void InterruptWatch::wait(double seconds, const std::function<bool()>& finished) const {
+    const auto until = std::chrono::steady_clock::now() +
+                       std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                           std::chrono::duration<double>(seconds));
+    while (!interrupted() && !(finished && finished())) {
+        if (seconds > 0 && std::chrono::steady_clock::now() >= until)
+            return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
 }
 
 }  // namespace lmkit::tool

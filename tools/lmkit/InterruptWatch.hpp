@@ -1,6 +1,7 @@
 #pragma once
 
 #include <csignal>
+#include <functional>
 
 namespace lmkit::tool {
 
@@ -16,6 +17,10 @@ class InterruptWatch {
 
     /// Whether a signal came since this watch began.
     static bool interrupted();
+
+    /// Returns once a signal comes, once `seconds` have passed when above zero, or once
+    /// `finished` (when given) says the work ended of itself; it looks every 20 ms.
+    void wait(double seconds, const std::function<bool()>& finished = {}) const;
 
   private:
     struct sigaction previousInt_ {};

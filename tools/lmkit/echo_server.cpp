@@ -2,7 +2,6 @@
 #include <netinet/in.h>
 
 #include <cstdio>
-#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -87,15 +86,7 @@ Command echoServer(
             }
             std::fflush(stdout);
 
-            InterruptWatch interrupts;
-            auto started = std::chrono::steady_clock::now();
-            while (!InterruptWatch::interrupted()) {
-                if (options->duration > 0 && std::chrono::steady_clock::now() - started >=
-                                                 std::chrono::duration<double>(options->duration)) {
-                    break;
-                }
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            }
+            InterruptWatch().wait(options->duration);
             server->stop();
             if (!common.json) {
                 std::printf("answered %llu of %llu requests\n",

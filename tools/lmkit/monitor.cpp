@@ -1,8 +1,6 @@
 // lmkit monitor: watch the local network with the network monitor until it reaches a verdict.
 #include <atomic>
-#include <chrono>
 #include <cstdio>
-#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -79,13 +77,7 @@ int runMonitor(const MonitorOptions& options, const Common& common) {
 
     InterruptWatch interrupts;
     monitor->startMonitorWithTargetAddress(host);
-    auto started = std::chrono::steady_clock::now();
-    while (!InterruptWatch::interrupted() && monitor->isRunning()) {
-        if (options.duration > 0 && std::chrono::steady_clock::now() - started >=
-                                        std::chrono::duration<double>(options.duration))
-            break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    interrupts.wait(options.duration, [&] { return !monitor->isRunning(); });
     monitor->stopMonitor();
     monitor->setOutcomeObserver(nullptr);
 

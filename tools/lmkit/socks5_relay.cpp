@@ -1,7 +1,6 @@
 // lmkit socks5-relay: a SOCKS5-style UDP relay (token-checked, with optional delay and loss) for
 // trying the proxy speed test on one machine.
 #include <cstdio>
-#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -76,14 +75,7 @@ Command socks5Relay(
                             endpoint.port);
             }
             std::fflush(stdout);
-            InterruptWatch interrupts;
-            auto started = std::chrono::steady_clock::now();
-            while (!InterruptWatch::interrupted()) {
-                if (options->duration > 0 && std::chrono::steady_clock::now() - started >=
-                                                 std::chrono::duration<double>(options->duration))
-                    break;
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            }
+            InterruptWatch().wait(options->duration);
             relay->stop();
             if (!common.json) {
                 std::printf("relayed %llu of %llu requests (%llu rejected), %llu replies\n",
