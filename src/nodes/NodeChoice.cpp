@@ -2,6 +2,8 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <unordered_set>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -36,10 +38,20 @@ void shuffleFirst(Nodes& nodes, std::size_t count, std::mt19937_64& random,
     }
 }
 
-bool hasNodeWithIp(const Nodes& nodes, const std::optional<std::string>& ip) {
-    return std::any_of(nodes.begin(), nodes.end(),
-                       [&](const std::shared_ptr<AccNode>& node) { return node->ip == ip; });
-}
+// Keeps one node per address: the first one offered. A set, not a scan of the result, because
+// a run over thousands of nodes has as many buckets.
+class OnePerAddress {
+  public:
+    bool admit(const std::optional<std::string>& ip) {
+        if (!ip)
+            return !std::exchange(sawNoAddress_, true);
+        return seen_.insert(*ip).second;
+    }
+
+  private:
+    std::unordered_set<std::string> seen_;
+    bool sawNoAddress_ = false;
+};
 
 Nodes sortedByScore(const Nodes& nodes) {
     Nodes sorted;
@@ -79,6 +91,7 @@ NodeSelector::Nodes NodeSelector::chooseBestNodes(const Nodes& nodes, long mode,
     }
 
     Nodes result;
+    OnePerAddress addresses;
     if (buckets.size() == 1) {
         Nodes bucket = buckets.begin()->second;
         if (bucket.size() == 1) {
@@ -86,7 +99,7 @@ NodeSelector::Nodes NodeSelector::chooseBestNodes(const Nodes& nodes, long mode,
         } else {
             shuffleFirst(bucket, bucket.size(), random, trace, "equal scores");
             for (const auto& node : bucket)
-                if (!hasNodeWithIp(result, node->ip))
+                if (addresses.admit(node->ip))
                     result.push_back(node);
         }
     } else {
@@ -96,7 +109,7 @@ NodeSelector::Nodes NodeSelector::chooseBestNodes(const Nodes& nodes, long mode,
             if (trace && bucket.size() > 1)
                 trace->draws.push_back(fmt::format("score {:.2f}: picked {} ({}) of {}", score,
                                                    picked, nameOf(pick), bucket.size()));
-            if (!hasNodeWithIp(result, pick->ip))
+            if (addresses.admit(pick->ip))
                 result.push_back(pick);
         }
     }
