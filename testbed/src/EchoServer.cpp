@@ -63,6 +63,10 @@ struct EchoServer::Impl {
     std::array<mmsghdr, kBatch> messages{};
     std::array<iovec, kBatch> vectors{};
     std::array<sockaddr_storage, kBatch> sources{};
+    struct alignas(cmsghdr) Control {
+        char bytes[testbed::kArrivalControlBytes];
+    };
+    std::array<Control, kBatch> controls{};
 
     ~Impl() {
         loop.reset();  // the thread first: it uses the descriptors
@@ -109,7 +113,7 @@ struct EchoServer::Impl {
             transmit(endpoint, to, length, payload);
     }
 
-    /// Takes one request: the delay is measured from here, the moment it was read.
+    /// Takes one request: the delay is measured from `arrived`, the moment the kernel took it in.
     void handle(size_t index, const sockaddr_storage& from, socklen_t length,
                 std::vector<uint8_t> payload, ServerLoop::Clock::time_point arrived) {
         ++received;
@@ -149,11 +153,13 @@ struct EchoServer::Impl {
                 messages[i].msg_hdr.msg_iovlen = 1;
                 messages[i].msg_hdr.msg_name = &sources[i];
                 messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_storage);
+                messages[i].msg_hdr.msg_control = endpoint.plain ? nullptr : controls[i].bytes;
+                messages[i].msg_hdr.msg_controllen = endpoint.plain ? 0 : sizeof controls[i];
             }
             int count = recvmmsg(endpoint.fd, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
             if (count <= 0)
                 return;
-            const auto arrived = ServerLoop::Clock::now();
+            const auto readAt = ServerLoop::Clock::now();
             if (endpoint.plain) {
                 // The whole batch goes back with one system call: the same buffers, addressed
                 // back to their senders.
@@ -172,7 +178,8 @@ struct EchoServer::Impl {
                 for (int i = 0; i < count; ++i) {
                     const auto* begin = static_cast<const uint8_t*>(vectors[i].iov_base);
                     handle(index, sources[i], messages[i].msg_hdr.msg_namelen,
-                           std::vector<uint8_t>(begin, begin + messages[i].msg_len), arrived);
+                           std::vector<uint8_t>(begin, begin + messages[i].msg_len),
+                           testbed::arrivalTime(messages[i].msg_hdr, readAt));
                 }
             }
             if (count < static_cast<int>(kBatch))

@@ -19,11 +19,11 @@ namespace {
 // A timed action is due when its deadline is no further away than this: waking again for a few
 // microseconds would cost more than the error it avoids.
 constexpr auto kDueSlack = std::chrono::microseconds(2);
-// A thread that sleeps for long wakes slowly: an idle processor drops into deeper sleep states
-// and takes a few hundred microseconds to come back. Before a long wait the timer is armed this
-// much early, and the short wait that follows ends on time.
-constexpr auto kLongWait = std::chrono::milliseconds(2);
-constexpr auto kEarlyWake = std::chrono::microseconds(500);
+// A sleeping thread wakes late: the timer interrupt, the scheduler and, on a virtual machine,
+// the hypervisor's wake-up of an idle processor each add to it, by a tenth of a millisecond or
+// more. So the loop sleeps until shortly before a deadline and spins the rest of the way, still
+// reading datagrams as they come.
+constexpr auto kSpinWindow = std::chrono::microseconds(250);
 
 bool later(const auto& a, const auto& b) {
     return a.due != b.due ? a.due > b.due : a.sequence > b.sequence;
@@ -110,7 +110,9 @@ void ServerLoop::stop() {
 void ServerLoop::run() {
     std::array<epoll_event, 64> events{};
     while (!stopping_) {
-        int count = epoll_wait(epollFd_, events.data(), static_cast<int>(events.size()), -1);
+        const bool spinning = !timed_.empty() && timed_.front().due - Clock::now() <= kSpinWindow;
+        int count =
+            epoll_wait(epollFd_, events.data(), static_cast<int>(events.size()), spinning ? 0 : -1);
         for (int i = 0; i < count && !stopping_; ++i) {
             int fd = events[i].data.fd;
             if (fd == wakeFd_) {
@@ -144,8 +146,8 @@ void ServerLoop::runDueActions() {
 
 void ServerLoop::armTimer() {
     auto due = timed_.empty() ? Clock::time_point::max() : timed_.front().due;
-    if (due != Clock::time_point::max() && due - Clock::now() > kLongWait)
-        due -= kEarlyWake;
+    if (due != Clock::time_point::max())
+        due -= kSpinWindow;
     if (due == armedFor_)
         return;
     itimerspec spec{};

@@ -14,11 +14,11 @@ namespace lmkit::testbed {
 /// The event loop of a test server: a thread of its own that waits on the server's sockets and
 /// on a queue of timed actions.
 ///
-/// Each timed action runs at its own deadline: a timerfd is armed, to the nanosecond, at the
-/// earliest one, so a reply held for 5 ms never waits behind another reply's deadline and the
-/// thread never sleeps past one (a millisecond poll time-out would round every deadline up by
-/// up to a millisecond). Everything but start() and stop() runs on the loop's thread, or before
-/// start().
+/// Each timed action runs at its own deadline: a timerfd wakes the thread a quarter of a
+/// millisecond before the earliest one and the thread polls its sockets without sleeping until
+/// it falls due, so a reply held for 5 ms never waits behind another reply's deadline nor for the
+/// thread to wake up (a millisecond poll time-out would round every deadline up by up to a
+/// millisecond). Everything but start() and stop() runs on the loop's thread, or before start().
 class ServerLoop {
   public:
     using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC, the timerfd's clock

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
+#include <ctime>
 #include <system_error>
 
 namespace lmkit::testbed {
@@ -41,12 +43,34 @@ int openBound(const sockaddr_storage& address, socklen_t length, int bufferBytes
         if (setsockopt(fd, SOL_SOCKET, forced, &bufferBytes, sizeof bufferBytes) != 0)
             setsockopt(fd, SOL_SOCKET, option, &bufferBytes, sizeof bufferBytes);
     }
+    int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0) {
         reason = std::system_category().message(errno);
         ::close(fd);
         return -1;
     }
     return fd;
+}
+
+std::chrono::steady_clock::time_point arrivalTime(const msghdr& header,
+                                                  std::chrono::steady_clock::time_point readAt) {
+    for (const cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr;
+         c = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(c))) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_TIMESTAMPNS)
+            continue;
+        // The stamp is on the wall clock: its distance from now carries over to the steady clock.
+        timespec stamp{}, now{};
+        std::memcpy(&stamp, CMSG_DATA(c), sizeof stamp);
+        clock_gettime(CLOCK_REALTIME, &now);
+        auto age = std::chrono::seconds(now.tv_sec - stamp.tv_sec) +
+                   std::chrono::nanoseconds(now.tv_nsec - stamp.tv_nsec);
+        auto arrived = std::chrono::steady_clock::now() -
+                       std::chrono::duration_cast<std::chrono::steady_clock::duration>(age);
+        // A wall clock stepped meanwhile would put the arrival before or after the read.
+        return arrived <= readAt && age < std::chrono::seconds(1) ? arrived : readAt;
+    }
+    return readAt;
 }
 
 std::uint16_t boundPort(int fd) {

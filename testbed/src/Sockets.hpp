@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -18,9 +19,19 @@ std::optional<sockaddr_storage> makeAddress(const std::string& host, std::uint16
                                             socklen_t& length);
 
 /// A non-blocking UDP socket bound to `address`, with send and receive buffers of `bufferBytes`
-/// (a server faces bursts of thousands of probes); -1 and `reason` when it cannot be had.
+/// (a server faces bursts of thousands of probes) and the kernel's arrival stamp on every
+/// datagram read; -1 and `reason` when it cannot be had.
 int openBound(const sockaddr_storage& address, socklen_t length, int bufferBytes,
               std::string& reason);
+
+/// Room for the arrival stamp in a received message's control data.
+inline constexpr std::size_t kArrivalControlBytes = 64;
+
+/// When the kernel took in the datagram of `header` (read with kArrivalControlBytes of control
+/// data), on the steady clock; `readAt` when it carries no stamp. A server that times a reply
+/// from this instant does not count its own wake-up as part of the delay it injects.
+std::chrono::steady_clock::time_point arrivalTime(const msghdr& header,
+                                                  std::chrono::steady_clock::time_point readAt);
 
 /// The local port `fd` is bound to.
 std::uint16_t boundPort(int fd);

@@ -187,12 +187,20 @@ struct Socks5Relay::Impl {
     void receiveRequests() {
         for (;;) {
             sockaddr_storage from{};
-            socklen_t length = sizeof from;
-            ssize_t size = ::recvfrom(listenFd, buffer.data(), buffer.size(), MSG_DONTWAIT,
-                                      reinterpret_cast<sockaddr*>(&from), &length);
+            iovec vector{buffer.data(), buffer.size()};
+            alignas(cmsghdr) char control[testbed::kArrivalControlBytes];
+            msghdr message{};
+            message.msg_name = &from;
+            message.msg_namelen = sizeof from;
+            message.msg_iov = &vector;
+            message.msg_iovlen = 1;
+            message.msg_control = control;
+            message.msg_controllen = sizeof control;
+            ssize_t size = ::recvmsg(listenFd, &message, MSG_DONTWAIT);
             if (size < 0)
                 return;
-            const auto arrived = ServerLoop::Clock::now();
+            const socklen_t length = message.msg_namelen;
+            const auto arrived = testbed::arrivalTime(message, ServerLoop::Clock::now());
             ++received;
             const auto* data = buffer.data();
             if (!acceptable(data, static_cast<std::size_t>(size))) {
