@@ -34,7 +34,9 @@ using namespace lmkit;
 
 namespace {
 
-constexpr int kTests = 60;
+// Enough tests that the p99 is not simply the largest error: the 99th percentile of 200 leaves
+// out the two largest.
+constexpr int kTests = 200;
 constexpr double kLowest = 0.3;   // ms: the stamp's truncation averages half a millisecond
 constexpr double kHighest = 0.8;  // ms: ... and nothing of the kit's own should add to it
 constexpr double kP99 = 1.5;
@@ -182,12 +184,14 @@ bool report(const char* what, double injected, const Errors& errors) {
     bool ok = kit >= kLowest && kit <= kHighest && tail <= kP99;
     std::printf(
         "%-7s injected %5.1f ms: median error %+.3f ms, p99 %+.3f ms (plain socket %+.3f ms, "
-        "kit - plain %+.3f ms) over %zu tests\n",
-        what, injected, kit, tail, baseline, kit - baseline, errors.kit.size());
+        "p99 %+.3f ms; kit - plain %+.3f ms) over %zu tests\n",
+        what, injected, kit, tail, baseline, p99(errors.baseline), kit - baseline,
+        errors.kit.size());
     char figure[96], measured[96];
     std::snprintf(figure, sizeof figure, "%s: measured - injected, %.0f ms injected", what,
                   injected);
-    std::snprintf(measured, sizeof measured, "median %.2f, p99 %.2f ms", kit, tail);
+    std::snprintf(measured, sizeof measured, "median %.2f, p99 %.2f ms (plain p99 %.2f)", kit, tail,
+                  p99(errors.baseline));
     bench::result(figure, "median in [0.3, 0.8], p99 <= 1.5 ms", measured, ok);
     return ok;
 }
