@@ -74,12 +74,13 @@ void NodeSelector::didReceiveDatagrams(UdpSocket& socket, const std::vector<Data
     }
     if (replies.empty())
         return;
-    // One hop to the data queue for the whole batch: a burst of thousands of echoes must not
-    // cost thousands of queue hand-overs.
-    dataProcessQueue_.async([weak = weak_from_this(), generation, replies = std::move(replies)] {
-        if (auto self = weak.lock())
-            self->recordDelays(generation, replies);
-    });
+    // One hop to the data queue for the whole batch, on this thread: a burst of thousands of
+    // echoes must not cost thousands of queue hand-overs and wake-ups.
+    dataProcessQueue_.asyncHandOff(
+        [weak = weak_from_this(), generation, replies = std::move(replies)] {
+            if (auto self = weak.lock())
+                self->recordDelays(generation, replies);
+        });
 }
 
 void NodeSelector::computeDelay(double delay, const std::string& host, long port) {

@@ -4,6 +4,7 @@
 #include <future>
 #include <mutex>
 
+#include <asio/defer.hpp>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 
@@ -63,7 +64,7 @@ void DispatchQueue::Impl::runMarked(const Block& block) {
     tCurrentQueue = previous;
 }
 
-void DispatchQueue::Impl::post(Block block, bool barrier) {
+void DispatchQueue::Impl::post(Block block, bool barrier, bool handOff) {
     if (isMain) {
         std::function<void(Block)> executor;
         {
@@ -79,7 +80,14 @@ void DispatchQueue::Impl::post(Block block, bool barrier) {
     if (barriers) {
         barriers->submit(std::move(run), barrier);
     } else if (strand) {
-        asio::post(*strand, std::move(run));
+        if (handOff)
+            asio::defer(*strand, std::move(run));
+        else
+            asio::post(*strand, std::move(run));
+    } else if (handOff) {
+        // Deferred from a pool thread, the block waits in that thread's own queue and runs when
+        // the current block returns; from any other thread it is posted as usual.
+        asio::defer(detail::poolExecutor(), std::move(run));
     } else {
         asio::post(detail::poolExecutor(), std::move(run));
     }
@@ -139,6 +147,10 @@ bool DispatchQueue::isCurrent() const {
 void DispatchQueue::async(Block block) const {
     // The pending block keeps the queue alive.
     impl_->post([impl = impl_, block = std::move(block)] { block(); });
+}
+
+void DispatchQueue::asyncHandOff(Block block) const {
+    impl_->post([impl = impl_, block = std::move(block)] { block(); }, false, true);
 }
 
 void DispatchQueue::asyncBarrier(Block block) const {

@@ -22,7 +22,8 @@ struct DispatchQueue::Impl {
     // queues have none and run every block as it comes.
     std::unique_ptr<detail::BarrierScheduler> barriers;
 
-    void post(Block block, bool barrier = false);
+    /// `handOff`: the block continues the calling pool thread's work (see asyncHandOff).
+    void post(Block block, bool barrier = false, bool handOff = false);
     /// Runs `block` with this queue marked as the current one on the calling thread.
     void runMarked(const Block& block);
 };

@@ -228,7 +228,8 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         done.get_future().wait();
     }
 
-    void enqueue(Event event, bool last = false) {
+    // `handOff`: called as the last act of the strand's read, whose thread can deliver at once.
+    void enqueue(Event event, bool last = false, bool handOff = false) {
         std::lock_guard lock(outboxMutex);
         if (finished)
             return;
@@ -238,7 +239,11 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         if (drainScheduled)
             return;
         drainScheduled = true;
-        delegateQueue.async([self = shared_from_this()] { self->drain(); });
+        auto deliver = [self = shared_from_this()] { self->drain(); };
+        if (handOff)
+            delegateQueue.asyncHandOff(std::move(deliver));
+        else
+            delegateQueue.async(std::move(deliver));
     }
 
     void drain() {
@@ -430,9 +435,11 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
             }
         }
         if (!batch.empty()) {
-            enqueue([batch = std::move(batch)](UdpSocket& socket, UdpSocketDelegate& target) {
-                target.udpSocketDidReceiveDatagrams(socket, batch);
-            });
+            enqueue(
+                [batch = std::move(batch)](UdpSocket& socket, UdpSocketDelegate& target) {
+                    target.udpSocketDidReceiveDatagrams(socket, batch);
+                },
+                false, true);
         }
         return drained;
     }

@@ -48,6 +48,36 @@ TEST(DispatchQueue, SyncFromTheQueueItselfRunsInlineInsteadOfDeadlocking) {
     EXPECT_TRUE(ranInner);
 }
 
+TEST(DispatchQueue, HandOffKeepsTheQueuesOrderAndRunsFromAnyThread) {
+    auto source = DispatchQueue::serial("test.handoff.source");
+    auto target = DispatchQueue::serial("test.handoff.target");
+    std::vector<int> order;  // touched only on the target queue
+    DispatchGroup group;
+    group.enter();
+    source.async([&] {
+        for (int i = 0; i < 100; ++i) {
+            auto record = [&, i] { order.push_back(i); };
+            // Hand-offs and plain blocks keep the serial queue's order.
+            if (i % 2)
+                target.asyncHandOff(record);
+            else
+                target.async(record);
+        }
+    });
+    source.sync([] {});
+    // From a thread outside the pool a hand-off is an ordinary async and still runs.
+    std::atomic<bool> global{false};
+    DispatchQueue::global().asyncHandOff([&] { global = true; });
+    target.asyncHandOff([&] { group.leave(); });
+    ASSERT_TRUE(group.wait(5));
+    EXPECT_TRUE(waitFor([&] { return global.load(); }));
+    target.sync([&] {
+        ASSERT_EQ(order.size(), 100u);
+        for (int i = 0; i < 100; ++i)
+            EXPECT_EQ(order[i], i);
+    });
+}
+
 TEST(DispatchQueue, ConcurrentQueueRunsBlocksSideBySideAndBarriersAlone) {
     auto queue = DispatchQueue::concurrent("test.concurrent");
     // Two blocks that each wait for the other can only finish when they run at once.

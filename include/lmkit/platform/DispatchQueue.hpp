@@ -47,6 +47,12 @@ class DispatchQueue {
     bool isCurrent() const;
 
     void async(Block block) const;
+    /// As async(), for a block submitted as the last act of a block that runs on the kit's
+    /// threads: no other thread is woken for it; unless the queue is running elsewhere already,
+    /// it runs on this thread once the current block returns. A hand-over per received batch
+    /// would otherwise cost a wake-up and two context switches. The caller must return promptly
+    /// and must not wait for the block. From any other thread it is a plain async().
+    void asyncHandOff(Block block) const;
     /// As async(), and on a queue from concurrent() the block waits for every block submitted
     /// before it, runs alone, and holds back every block submitted after it. On serial and global
     /// queues it is a plain async().
