@@ -6,9 +6,9 @@
 #include <map>
 #include <memory>
 
-#include <cairo-svg.h>
-#include <cairo.h>
 #include <fmt/format.h>
+
+#include "CairoLibrary.hpp"
 
 #if defined(__SANITIZE_ADDRESS__)
 // cairo's text rendering loads fontconfig, which keeps its configuration until the process ends
@@ -68,10 +68,11 @@ struct Point {
     NodeSample sample;
 };
 
-void text(cairo_t* cr, double x, double y, const std::string& line, double size = 11) {
-    cairo_set_font_size(cr, size);
-    cairo_move_to(cr, x, y);
-    cairo_show_text(cr, line.c_str());
+void text(const CairoLibrary& c, cairo_t* cr, double x, double y, const std::string& line,
+          double size = 11) {
+    c.set_font_size(cr, size);
+    c.move_to(cr, x, y);
+    c.show_text(cr, line.c_str());
 }
 
 }  // namespace
@@ -90,31 +91,35 @@ bool LatencyChart::draw(const std::vector<WatchRound>& rounds, const std::filesy
         error = "the history holds no rounds to draw";
         return false;
     }
+    const CairoLibrary* library = CairoLibrary::load(error);
+    if (!library)
+        return false;
+    const CairoLibrary& c = *library;
     const bool png = path.extension() == ".png";
     const int height = heightFor(byNode.size());
-    cairo_surface_t* surface = png ? cairo_image_surface_create(CAIRO_FORMAT_ARGB32, kWidth, height)
-                                   : cairo_svg_surface_create(path.c_str(), kWidth, height);
+    cairo_surface_t* surface = png ? c.image_surface_create(CAIRO_FORMAT_ARGB32, kWidth, height)
+                                   : c.svg_surface_create(path.c_str(), kWidth, height);
     if (!png)
-        cairo_svg_surface_set_document_unit(surface, CAIRO_SVG_UNIT_PX);  // kWidth pixels wide
-    std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> ownedSurface(
-        surface, cairo_surface_destroy);
-    cairo_t* cr = cairo_create(surface);
-    std::unique_ptr<cairo_t, decltype(&cairo_destroy)> ownedContext(cr, cairo_destroy);
-    cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
+        c.svg_surface_set_document_unit(surface, CAIRO_SVG_UNIT_PX);  // kWidth pixels wide
+    std::unique_ptr<cairo_surface_t, decltype(c.surface_destroy)> ownedSurface(surface,
+                                                                               c.surface_destroy);
+    cairo_t* cr = c.create(surface);
+    std::unique_ptr<cairo_t, decltype(c.destroy)> ownedContext(cr, c.destroy);
+    c.select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
 
-    cairo_set_source_rgb(cr, 1, 1, 1);
-    cairo_paint(cr);
+    c.set_source_rgb(cr, 1, 1, 1);
+    c.paint(cr);
     const double first = rounds.front().at;
     const double last = std::max(rounds.back().at, first + 1);
     const double plotWidth = kWidth - kMarginLeft - kMarginRight;
     auto xOf = [&](double at) { return kMarginLeft + (at - first) / (last - first) * plotWidth; };
 
-    cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
-    text(cr, kMarginLeft, 22,
+    c.set_source_rgb(cr, 0.1, 0.1, 0.1);
+    text(c, cr, kMarginLeft, 22,
          fmt::format("lmkit watch: {} rounds, {} to {}", rounds.size(), clock(first),
                      clock(rounds.back().at)),
          14);
-    text(cr, kMarginLeft, 40,
+    text(c, cr, kMarginLeft, 40,
          "line: delay, coloured by loss (green none, yellow, orange, red all); band: fastest to "
          "slowest probe; dashed: switch",
          10);
@@ -132,84 +137,84 @@ bool LatencyChart::draw(const std::vector<WatchRound>& rounds, const std::filesy
             return plotTop + plotHeight - std::min(ms, scale) / scale * plotHeight;
         };
 
-        cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
-        text(cr, kMarginLeft, top + 18, node, 12);
-        cairo_set_source_rgb(cr, 0.96, 0.96, 0.96);
-        cairo_rectangle(cr, kMarginLeft, plotTop, plotWidth, plotHeight);
-        cairo_fill(cr);
-        cairo_set_source_rgb(cr, 0.4, 0.4, 0.4);
+        c.set_source_rgb(cr, 0.1, 0.1, 0.1);
+        text(c, cr, kMarginLeft, top + 18, node, 12);
+        c.set_source_rgb(cr, 0.96, 0.96, 0.96);
+        c.rectangle(cr, kMarginLeft, plotTop, plotWidth, plotHeight);
+        c.fill(cr);
+        c.set_source_rgb(cr, 0.4, 0.4, 0.4);
         for (double fraction : {0.0, 0.5, 1.0}) {
-            text(cr, 8, yOf(scale * fraction) + 4, fmt::format("{:g} ms", scale * fraction), 10);
+            text(c, cr, 8, yOf(scale * fraction) + 4, fmt::format("{:g} ms", scale * fraction), 10);
         }
 
         // The band: fastest to slowest probe of each answered round.
-        cairo_set_source_rgba(cr, 0.3, 0.45, 0.8, 0.25);
+        c.set_source_rgba(cr, 0.3, 0.45, 0.8, 0.25);
         for (std::size_t i = 0; i + 1 < points.size(); ++i) {
             const auto& a = points[i];
             const auto& b = points[i + 1];
             if (a.sample.loss >= 1 || b.sample.loss >= 1)
                 continue;
-            cairo_move_to(cr, xOf(a.at), yOf(a.sample.maxMs));
-            cairo_line_to(cr, xOf(b.at), yOf(b.sample.maxMs));
-            cairo_line_to(cr, xOf(b.at), yOf(b.sample.minMs));
-            cairo_line_to(cr, xOf(a.at), yOf(a.sample.minMs));
-            cairo_close_path(cr);
-            cairo_fill(cr);
+            c.move_to(cr, xOf(a.at), yOf(a.sample.maxMs));
+            c.line_to(cr, xOf(b.at), yOf(b.sample.maxMs));
+            c.line_to(cr, xOf(b.at), yOf(b.sample.minMs));
+            c.line_to(cr, xOf(a.at), yOf(a.sample.minMs));
+            c.close_path(cr);
+            c.fill(cr);
         }
         // The delay line, each segment in the colour of its later round's loss; a round that
         // lost everything is a red tick at the top.
-        cairo_set_line_width(cr, 2);
+        c.set_line_width(cr, 2);
         for (std::size_t i = 0; i < points.size(); ++i) {
             const auto& point = points[i];
             const Colour colour = lossColour(point.sample.loss);
-            cairo_set_source_rgb(cr, colour.r, colour.g, colour.b);
+            c.set_source_rgb(cr, colour.r, colour.g, colour.b);
             if (point.sample.loss >= 1) {
-                cairo_move_to(cr, xOf(point.at), plotTop);
-                cairo_line_to(cr, xOf(point.at), plotTop + 10);
-                cairo_stroke(cr);
+                c.move_to(cr, xOf(point.at), plotTop);
+                c.line_to(cr, xOf(point.at), plotTop + 10);
+                c.stroke(cr);
                 continue;
             }
             if (i == 0 || points[i - 1].sample.loss >= 1) {
-                cairo_arc(cr, xOf(point.at), yOf(point.sample.delayMs), 2, 0, 2 * M_PI);
-                cairo_fill(cr);
+                c.arc(cr, xOf(point.at), yOf(point.sample.delayMs), 2, 0, 2 * M_PI);
+                c.fill(cr);
                 continue;
             }
-            cairo_move_to(cr, xOf(points[i - 1].at), yOf(points[i - 1].sample.delayMs));
-            cairo_line_to(cr, xOf(point.at), yOf(point.sample.delayMs));
-            cairo_stroke(cr);
+            c.move_to(cr, xOf(points[i - 1].at), yOf(points[i - 1].sample.delayMs));
+            c.line_to(cr, xOf(point.at), yOf(point.sample.delayMs));
+            c.stroke(cr);
         }
         // Switches: a dashed mark where the choice changed, solid where this node was chosen.
         const double dashes[] = {4, 3};
         for (const auto& round : rounds) {
             if (!round.switched)
                 continue;
-            cairo_set_source_rgb(cr, 0.2, 0.2, 0.2);
-            cairo_set_line_width(cr, round.chosen == node ? 1.5 : 0.8);
-            cairo_set_dash(cr, dashes, 2, 0);
-            cairo_move_to(cr, xOf(round.at), plotTop);
-            cairo_line_to(cr, xOf(round.at), plotTop + plotHeight);
-            cairo_stroke(cr);
-            cairo_set_dash(cr, nullptr, 0, 0);
+            c.set_source_rgb(cr, 0.2, 0.2, 0.2);
+            c.set_line_width(cr, round.chosen == node ? 1.5 : 0.8);
+            c.set_dash(cr, dashes, 2, 0);
+            c.move_to(cr, xOf(round.at), plotTop);
+            c.line_to(cr, xOf(round.at), plotTop + plotHeight);
+            c.stroke(cr);
+            c.set_dash(cr, nullptr, 0, 0);
             if (round.chosen == node)
-                text(cr, xOf(round.at) + 3, plotTop + 12, "chosen", 9);
+                text(c, cr, xOf(round.at) + 3, plotTop + 12, "chosen", 9);
         }
         top += kPanelHeight;
     }
-    cairo_set_source_rgb(cr, 0.3, 0.3, 0.3);
-    text(cr, kMarginLeft, top + 18, clock(first), 10);
-    text(cr, kMarginLeft + plotWidth - 50, top + 18, clock(rounds.back().at), 10);
+    c.set_source_rgb(cr, 0.3, 0.3, 0.3);
+    text(c, cr, kMarginLeft, top + 18, clock(first), 10);
+    text(c, cr, kMarginLeft + plotWidth - 50, top + 18, clock(rounds.back().at), 10);
 
     ownedContext.reset();
     cairo_status_t status;
     if (png) {
-        status = cairo_surface_write_to_png(surface, path.c_str());
+        status = c.surface_write_to_png(surface, path.c_str());
     } else {
         // Finishing an SVG surface writes the rest of its file; a failed write shows here.
-        cairo_surface_finish(surface);
-        status = cairo_surface_status(surface);
+        c.surface_finish(surface);
+        status = c.surface_status(surface);
     }
     if (status != CAIRO_STATUS_SUCCESS) {
-        error = "cannot draw " + path.string() + ": " + cairo_status_to_string(status);
+        error = "cannot draw " + path.string() + ": " + c.status_to_string(status);
         return false;
     }
     return true;
