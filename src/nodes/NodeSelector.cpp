@@ -383,14 +383,18 @@ void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
     auto servers = std::make_shared<std::vector<std::string>>();
     std::unordered_set<std::string> seen;
     long probePort = port();
+    // Each key's delays are known in number: no growth on the reply path.
+    const auto probes = static_cast<std::size_t>(std::max(sendPacketCount(), 1L));
     for (const auto& node : nodes) {
         if (!node)
             continue;
         std::string server = node->safePingServer();
         std::string key = probe::constructKeyWithHost(server, probePort);
         auto [it, inserted] = entries_.try_emplace(key);
-        if (inserted)
+        if (inserted) {
             keys_.push_back(key);
+            it->second.delays.reserve(probes);
+        }
         it->second.nodes.push_back(node);
         if (seen.insert(server).second)
             servers->push_back(server);

@@ -56,7 +56,7 @@ void NodeSelector::finishRun(std::uint64_t generation) {
     explainChoice(all, config, probePort, trace);
     {
         std::lock_guard guard(mutex_);
-        lastChoiceTrace_ = trace;
+        lastChoiceTrace_ = std::make_shared<const ChoiceTrace>(std::move(trace));
     }
     auto best = chosen.empty() ? nullptr : chosen.front();
 
@@ -172,7 +172,7 @@ void NodeSelector::setRandomSeed(std::optional<std::uint64_t> seed) {
     randomSeed_ = seed;
 }
 
-NodeSelector::ChoiceTrace NodeSelector::lastChoiceTrace() const {
+std::shared_ptr<const NodeSelector::ChoiceTrace> NodeSelector::lastChoiceTrace() const {
     std::lock_guard guard(mutex_);
     return lastChoiceTrace_;
 }

@@ -217,9 +217,9 @@ nlohmann::ordered_json summaryJson(const NodeRunResult& result) {
 }
 
 double deviationOf(const NodeRunResult& result, const AccNode& node) {
-    auto found = result.trace.deviations.find(
+    auto found = result.trace->deviations.find(
         NodeSelector::constructKeyWithHost(node.safePingServer(), result.port));
-    return found == result.trace.deviations.end() ? 0 : found->second;
+    return found == result.trace->deviations.end() ? 0 : found->second;
 }
 
 nlohmann::ordered_json numberJson(const std::optional<Number>& value) {
@@ -236,8 +236,8 @@ nlohmann::ordered_json explanationJson(const NodeRunResult& result) {
                       {"load", config ? numberJson(config->load) : nullptr},
                       {"load_threshold", config ? numberJson(config->loadThreshold) : nullptr},
                       {"isp", config ? numberJson(config->isp) : nullptr}};
-    out["score_gap"] = numberJson(result.trace.scoreRangeGap);
-    out["draws"] = result.trace.draws;
+    out["score_gap"] = numberJson(result.trace->scoreRangeGap);
+    out["draws"] = result.trace->draws;
     return out;
 }
 
@@ -289,12 +289,12 @@ void printExplanation(const NodeRunResult& result) {
     std::printf("weights:");
     for (const auto& [name, value] : weights.items())
         std::printf(" %s %s", name.c_str(), value.dump().c_str());
-    std::printf("\nscore gap: %s\n", result.trace.scoreRangeGap
-                                         ? result.trace.scoreRangeGap->description().c_str()
+    std::printf("\nscore gap: %s\n", result.trace->scoreRangeGap
+                                         ? result.trace->scoreRangeGap->description().c_str()
                                          : "none (no shuffling within a gap)");
-    if (result.trace.draws.empty())
+    if (result.trace->draws.empty())
         std::printf("random draws: none\n");
-    for (const auto& draw : result.trace.draws)
+    for (const auto& draw : result.trace->draws)
         std::printf("random draw: %s\n", draw.c_str());
 }
 

@@ -23,7 +23,7 @@ struct NodeRunResult {
     long duplicates = 0;                // replies beyond a node's probe count
     std::shared_ptr<AccConfig> config;  // the weights the nodes were scored with
     long port = 0;                      // the probes' destination port
-    NodeSelector::ChoiceTrace trace;    // the score gap and the random draws of the choice
+    std::shared_ptr<const NodeSelector::ChoiceTrace> trace;  // the score gap and the draws
 };
 
 struct NodeRunOptions {

@@ -98,8 +98,8 @@ WatchRound measure(const std::map<long, NodeSelector::Nodes>& byPort,
                 sample.maxMs = node->maxDelay;
                 sample.loss = node->loss;
                 sample.score = node->score();
-                auto deviation = result.trace.deviations.find(sample.node);
-                if (deviation != result.trace.deviations.end())
+                auto deviation = result.trace->deviations.find(sample.node);
+                if (deviation != result.trace->deviations.end())
                     sample.deviationMs = deviation->second;
             } else {
                 sample.loss = 1;

@@ -192,8 +192,9 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
 
     /// Makes the draws of the runs' choices repeatable; none (the default) seeds each run afresh.
     void setRandomSeed(std::optional<std::uint64_t> seed);
-    /// The trace of the last run's choice (empty before one completes).
-    ChoiceTrace lastChoiceTrace() const;
+    /// The trace of the last run's choice (empty before one completes), shared rather than
+    /// copied: at thousands of nodes its deviations take a megabyte.
+    std::shared_ptr<const ChoiceTrace> lastChoiceTrace() const;
     static void sortAndLogNodes(const Nodes& nodes);
     static void logBestNodes(const Nodes& nodes, std::size_t logCount, bool markPrefix);
 
@@ -289,7 +290,7 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     double startTime_ = 0;
     double endTime_ = 0;
     std::optional<std::uint64_t> randomSeed_;
-    ChoiceTrace lastChoiceTrace_;
+    std::shared_ptr<const ChoiceTrace> lastChoiceTrace_ = std::make_shared<ChoiceTrace>();
     // Bumped by every run and by stop(): blocks queued for an earlier run see a different value
     // and do nothing.
     std::uint64_t generation_ = 0;
