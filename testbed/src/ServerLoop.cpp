@@ -20,10 +20,10 @@ namespace {
 // microseconds would cost more than the error it avoids.
 constexpr auto kDueSlack = std::chrono::microseconds(2);
 // A sleeping thread wakes late: the timer interrupt, the scheduler and, on a virtual machine,
-// the hypervisor's wake-up of an idle processor each add to it, by a tenth of a millisecond or
-// more. So the loop sleeps until shortly before a deadline and spins the rest of the way, still
-// reading datagrams as they come.
-constexpr auto kSpinWindow = std::chrono::microseconds(250);
+// the hypervisor's wake-up of an idle processor each add to it, by a tenth of a millisecond
+// usually and by several after a long sleep. So the loop sleeps until a millisecond before a
+// deadline and spins the rest of the way, still reading datagrams as they come.
+constexpr auto kSpinWindow = std::chrono::milliseconds(1);
 
 bool later(const auto& a, const auto& b) {
     return a.due != b.due ? a.due > b.due : a.sequence > b.sequence;
@@ -77,6 +77,15 @@ void ServerLoop::at(Clock::time_point due, Action action) {
     std::push_heap(timed_.begin(), timed_.end(), [](auto& a, auto& b) { return later(a, b); });
 }
 
+void ServerLoop::stayAwakeFor(double seconds) {
+    awakeUntil_ = std::max(awakeUntil_, Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                                           std::chrono::duration<double>(seconds)));
+}
+
+void ServerLoop::maySleep() {
+    awakeUntil_ = {};
+}
+
 void ServerLoop::after(double seconds, Action action) {
     at(Clock::now() +
            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds)),
@@ -110,7 +119,9 @@ void ServerLoop::stop() {
 void ServerLoop::run() {
     std::array<epoll_event, 64> events{};
     while (!stopping_) {
-        const bool spinning = !timed_.empty() && timed_.front().due - Clock::now() <= kSpinWindow;
+        const auto now = Clock::now();
+        const bool spinning =
+            now < awakeUntil_ || (!timed_.empty() && timed_.front().due - now <= kSpinWindow);
         int count =
             epoll_wait(epollFd_, events.data(), static_cast<int>(events.size()), spinning ? 0 : -1);
         for (int i = 0; i < count && !stopping_; ++i) {

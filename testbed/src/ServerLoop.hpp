@@ -14,11 +14,11 @@ namespace lmkit::testbed {
 /// The event loop of a test server: a thread of its own that waits on the server's sockets and
 /// on a queue of timed actions.
 ///
-/// Each timed action runs at its own deadline: a timerfd wakes the thread a quarter of a
-/// millisecond before the earliest one and the thread polls its sockets without sleeping until
-/// it falls due, so a reply held for 5 ms never waits behind another reply's deadline nor for the
-/// thread to wake up (a millisecond poll time-out would round every deadline up by up to a
-/// millisecond). Everything but start() and stop() runs on the loop's thread, or before start().
+/// Each timed action runs at its own deadline: a timerfd wakes the thread a millisecond before
+/// the earliest one and the thread polls its sockets without sleeping until it falls due, so a
+/// reply held for 5 ms never waits behind another reply's deadline nor for the thread to wake
+/// up (a millisecond poll time-out would round every deadline up by up to a millisecond).
+/// Everything but start() and stop() runs on the loop's thread, or before start().
 class ServerLoop {
   public:
     using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC, the timerfd's clock
@@ -34,6 +34,11 @@ class ServerLoop {
     bool watch(int fd, Action onReadable);
     /// Stops watching `fd` (the caller closes it).
     void unwatch(int fd);
+    /// Keeps the thread polling its sockets without sleeping for `seconds` from now, for a server
+    /// that expects a datagram soon and must pass it on without a wake-up's delay.
+    void stayAwakeFor(double seconds);
+    /// Ends a stayAwakeFor() early: what was expected has come.
+    void maySleep();
     /// Runs `action` on the loop's thread at `due` (at once when it has passed).
     void at(Clock::time_point due, Action action);
     void after(double seconds, Action action);
@@ -66,6 +71,7 @@ class ServerLoop {
     std::vector<Timed> timed_;  // a min-heap on (due, sequence)
     std::uint64_t sequence_ = 0;
     Clock::time_point armedFor_ = Clock::time_point::max();
+    Clock::time_point awakeUntil_;  // loop thread only
 };
 
 }  // namespace lmkit::testbed
