@@ -69,8 +69,6 @@ TEST(AccNode, SafePingServerAndDescription) {
 TEST(AccNode, PartialScores) {
     auto config = AccConfig::defaultConfig();
     ASSERT_TRUE(config);
-    EXPECT_EQ(config->loadThreshold->doubleValue(), 0.8);
-    EXPECT_TRUE(config->ping->isInteger());
     EXPECT_EQ(AccNode::computeScoreOfDelay(Number(0), config).doubleValue(), 0);
     EXPECT_EQ(AccNode::computeScoreOfDelay(std::nullopt, config).doubleValue(), 0);
     EXPECT_EQ(AccNode::computeScoreOfDelay(Number(600), config).doubleValue(), 0);
@@ -96,9 +94,6 @@ TEST(AccNode, PartialScores) {
     EXPECT_EQ(n->computeScoreOfLoadReferToAccConfig(config).doubleValue(), 0);
     auto empty = node(R"({"total":0,"online":0})");
     EXPECT_EQ(empty->computeScoreOfLoadReferToAccConfig(config).doubleValue(), 0);
-
-    auto score = AccScoreConfig::defaultConfig();
-    EXPECT_EQ(score->toJSONDictionary()->dump(), R"({"ping":400,"loss":100,"deviation":100})");
 }
 
 TEST(AccRoute, MatchesUnderItsMask) {
@@ -113,8 +108,6 @@ TEST(AccRoute, MatchesUnderItsMask) {
     EXPECT_FALSE(route("10.0.0.0", "0.0.0.0").isMatch(address));
     EXPECT_TRUE(route("10.1.0.0", "255.255.0.0").isMatch(address));
     EXPECT_FALSE(route("10.2.0.0", "255.255.0.0").isMatch(address));
-    auto decoded = JSONAdapter::modelOfClass<AccRoute>(Json::parse(R"({"is_vpn":true})"));
-    EXPECT_TRUE(decoded->isVPN);
 }
 
 TEST(NodeInfo, GettersNormaliseAndTheJsonFormFollows) {
