@@ -21,6 +21,16 @@ class ToolCommandTest : public ::testing::Test {
         return "LMKIT_LOG_DIR='" + (dir_.path() / "logs").string() + "' LMKIT_APP_GROUP_DIR='" +
                (dir_.path() / "group").string() + "' '" + LMKIT_TOOL_PATH + "' " + args;
     }
+    // A shell script run in the test's directory with the same environment and $LMKIT the tool.
+    // Separate statements: a body that starts with a background job must not take the exports
+    // into its subshell.
+    std::string script(const std::string& body, int* status = nullptr) const {
+        return runCommand("cd '" + dir_.path().string() + "' || exit 99; export LMKIT_LOG_DIR='" +
+                              (dir_.path() / "logs").string() + "' LMKIT_APP_GROUP_DIR='" +
+                              (dir_.path() / "group").string() + "' LMKIT='" + LMKIT_TOOL_PATH +
+                              "'; " + body,
+                          status);
+    }
     // A file in the test's directory holding `text`; its path.
     std::string write(const std::string& text, const std::string& name) const {
         auto path = (dir_.path() / name).string();

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "support/TestSupport.hpp"
+#include "support/ToolCommandTest.hpp"
 
 namespace {
 
@@ -23,24 +23,7 @@ std::vector<nlohmann::json> jsonLines(const std::string& text) {
     return lines;
 }
 
-class ChannelCommandTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        if (std::string(LMKIT_TOOL_PATH).empty())
-            GTEST_SKIP() << "the tool is not built";
-    }
-    // A shell script with $LMKIT (the tool) and the test's own app group.
-    std::string script(const std::string& body, int* status) {
-        // Separate statements: a body that starts with a background job must not take the
-        // exports into its subshell.
-        std::string command =
-            "cd '" + dir_.path().string() + "' || exit 99; export LMKIT_LOG_DIR='" +
-            (dir_.path() / "logs").string() + "' LMKIT_APP_GROUP_DIR='" +
-            (dir_.path() / "group").string() + "' LMKIT='" + LMKIT_TOOL_PATH + "'; " + body;
-        return lmkit::testing::runCommand(command, status);
-    }
-    lmkit::testing::TempDir dir_;
-};
+using ChannelCommandTest = lmkit::testing::ToolCommandTest;
 
 }  // namespace
 
@@ -106,27 +89,4 @@ TEST_F(ChannelCommandTest, FailuresAreOneLineAndExitOne) {
         EXPECT_EQ(status, 1) << c.args;
         EXPECT_EQ(out, c.line) << c.args;
     }
-}
-
-TEST_F(ChannelCommandTest, CurrentSurvivesAClockStepAndAFifoAndDeletesNothingUndelivered) {
-    int status = -1;
-    // A message named by a writer whose clock ran a year ahead, a normal send after it, then a
-    // FIFO under the newest name of all.
-    auto out = script(
-        R"("$LMKIT" channel send tunnel --message future || exit 7
-cd group/Wormhole || exit 6
-future=$(printf 'WormholeCmdTunnel.%020d-1.archive' $(( ($(date +%s) + 31622400) * 1000000000 )))
-mv WormholeCmdTunnel.*.archive "$future" && touch -d '+1 year' "$future" || exit 5
-"$LMKIT" channel send tunnel --message now || exit 4
-newest=$(ls WormholeCmdTunnel.*.archive | grep -v "^$future")
-mkfifo WormholeCmdTunnel.09999999999999999999-1.archive || exit 3
-timeout 10 "$LMKIT" channel listen --current --timeout 0.2 --json 2>/dev/null || exit 2
-test -f "$newest" && test -p .unreadable.WormholeCmdTunnel.09999999999999999999-1.archive)",
-        &status);
-    ASSERT_EQ(status, 0) << out;
-    auto lines = jsonLines(out);
-    ASSERT_EQ(lines.size(), 1u) << out;
-    EXPECT_EQ(lines[0]["cmd"], "WormholeCmdTunnel");
-    EXPECT_EQ(lines[0]["object"]["WormholeTunnelMsgKey"], "now");
-    EXPECT_EQ(lines[0]["stored"], true);
 }

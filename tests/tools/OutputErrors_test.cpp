@@ -4,37 +4,25 @@
 
 #include <gtest/gtest.h>
 
-#include "support/TestSupport.hpp"
+#include "support/ToolCommandTest.hpp"
 
-TEST(OutputErrorsTest, EverySubcommandWritingToAFullDeviceFails) {
-    if (std::string(LMKIT_TOOL_PATH).empty())
-        GTEST_SKIP() << "the tool is not built";
-    lmkit::testing::TempDir dir;
-    auto sh = [&](const std::string& body, int* status) {
-        return lmkit::testing::runCommand(
-            "cd '" + dir.path().string() + "' && export LMKIT='" + LMKIT_TOOL_PATH +
-                "' LMKIT_APP_GROUP_DIR=group LMKIT_LOG_DIR=logs && " + body,
-            status);
-    };
+namespace {
+using OutputErrorsTest = lmkit::testing::ToolCommandTest;
+}  // namespace
+
+TEST_F(OutputErrorsTest, EverySubcommandWritingToAFullDeviceFails) {
     int status = -1;
-    sh("seq 1 5000 > data && gzip -k data && \"$LMKIT\" settings set LMLastPingKey 7 && "
-       "\"$LMKIT\" channel send network-change && printf '{\"gid\":\"1\"}' > game.json",
-       &status);
+    script(
+        "seq 1 5000 > data && gzip -k data && \"$LMKIT\" settings set LMLastPingKey 7 && "
+        "\"$LMKIT\" channel send network-change && printf '{\"gid\":\"1\"}' > game.json",
+        &status);
     ASSERT_EQ(status, 0);
 
-    for (const char* command : {
-             "--help",
-             "digest sha256 data",
-             "decode Game game.json",
-             "env",
-             "settings list",
-             "settings get LMLastPingKey",
-             "gzip data",
-             "gunzip data.gz",
-             "crypt encrypt --key k text",
-             "channel listen --current --timeout 0.01",
-         }) {
-        auto err = sh(std::string("\"$LMKIT\" ") + command + " 2>&1 >/dev/full", &status);
+    for (const char* command :
+         {"--help", "digest sha256 data", "decode Game game.json", "env", "settings list",
+          "settings get LMLastPingKey", "gzip data", "gunzip data.gz", "crypt encrypt --key k text",
+          "channel listen --current --timeout 0.01"}) {
+        auto err = script(std::string("\"$LMKIT\" ") + command + " 2>&1 >/dev/full", &status);
         EXPECT_EQ(status, 1) << command;
         EXPECT_NE(err.find("cannot write standard output"), std::string::npos)
             << command << ": " << err;
