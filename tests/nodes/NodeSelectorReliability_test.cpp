@@ -70,23 +70,6 @@ std::string host(std::size_t i) {
     return "127.0.0." + std::to_string(i + 1);
 }
 
-std::unique_ptr<EchoServer> startEchoes(const std::vector<EchoFaults>& kinds, uint64_t seed,
-                                        uint16_t& port) {
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        auto probe = EchoServer::start({EchoEndpointConfig{"127.0.0.1", 0, {}}});
-        if (!probe)
-            continue;
-        port = probe->endpoints()[0].port;
-        probe.reset();
-        std::vector<EchoEndpointConfig> endpoints;
-        for (std::size_t i = 0; i < kinds.size(); ++i)
-            endpoints.push_back({host(i), port, kinds[i]});
-        if (auto server = EchoServer::start(endpoints, seed))
-            return server;
-    }
-    return nullptr;
-}
-
 enum class Action {
     LeaveAlone,         // must report exactly once
     StopOnCallbacks,    // stop() on the callback queue: nothing may follow it
@@ -97,23 +80,9 @@ enum class Action {
 };
 constexpr int kActionCount = 6;
 
-const char* actionName(Action action) {
-    switch (action) {
-        case Action::LeaveAlone:
-            return "leave alone";
-        case Action::StopOnCallbacks:
-            return "stop on callback queue";
-        case Action::StopFromElsewhere:
-            return "stop from another thread";
-        case Action::Release:
-            return "release";
-        case Action::StopAndRunAgain:
-            return "stop and run again";
-        case Action::ReleaseInCallback:
-            return "release in callback";
-    }
-    return "?";
-}
+constexpr const char* kActionNames[kActionCount] = {
+    "leave alone", "stop on callback queue", "stop from another thread",
+    "release",     "stop and run again",     "release in callback"};
 
 // What one run heard.
 struct Reports {
@@ -197,7 +166,7 @@ TEST(NodeSelectorReliability, EveryRunReportsOnceWhateverTheEchoesAndTheCallerDo
 
     const auto kinds = faultKinds();
     uint16_t port = 0;
-    auto echoes = startEchoes(kinds, baseSeed, port);
+    auto echoes = lmkit::testing::echoesOnOnePort(kinds, baseSeed, port);
     ASSERT_TRUE(echoes);
 
     std::vector<std::unique_ptr<SelectorRun>> all(static_cast<std::size_t>(runs));
@@ -307,8 +276,9 @@ TEST(NodeSelectorReliability, EveryRunReportsOnceWhateverTheEchoesAndTheCallerDo
     for (const auto& run : all) {
         ASSERT_TRUE(run);
         const SelectorRun& r = *run;
-        SCOPED_TRACE(::testing::Message() << "seed " << baseSeed << ", run " << r.index << " ("
-                                          << actionName(r.action) << ", fleet " << r.fleet << ")");
+        SCOPED_TRACE(::testing::Message()
+                     << "seed " << baseSeed << ", run " << r.index << " ("
+                     << kActionNames[static_cast<int>(r.action)] << ", fleet " << r.fleet << ")");
         EXPECT_EQ(r.first.badSuccess + r.second.badSuccess, 0);
         switch (r.action) {
             case Action::LeaveAlone:

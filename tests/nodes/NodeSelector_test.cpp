@@ -19,27 +19,14 @@ using Nodes = NodeSelector::Nodes;
 
 namespace {
 
-// Echo endpoints on 127.0.0.1, 127.0.0.2, ... all on one port, since a selector probes every
-// server on the same port and tells them apart by address.
+// Echo endpoints at 127.0.0.1, 127.0.0.2, ... (or all at `base`) on one port.
 struct Echoes {
-    std::unique_ptr<EchoServer> server;
     uint16_t port = 0;
+    std::unique_ptr<EchoServer> server;
 
     static std::string host(std::size_t i) { return "127.0.0." + std::to_string(i + 1); }
-
-    explicit Echoes(const std::vector<EchoFaults>& faults, const std::string& base = "") {
-        for (int attempt = 0; attempt < 5 && !server; ++attempt) {
-            auto probe = EchoServer::start({EchoEndpointConfig{"127.0.0.1", 0, {}}});
-            if (!probe)
-                continue;
-            port = probe->endpoints()[0].port;
-            probe.reset();
-            std::vector<EchoEndpointConfig> endpoints;
-            for (std::size_t i = 0; i < faults.size(); ++i)
-                endpoints.push_back({base.empty() ? host(i) : base, port, faults[i]});
-            server = EchoServer::start(endpoints, 7);
-        }
-    }
+    explicit Echoes(const std::vector<EchoFaults>& faults, const std::string& base = "")
+        : server(lmkit::testing::echoesOnOnePort(faults, 7, port, base)) {}
 };
 
 Nodes nodesAt(std::size_t count, std::size_t first = 0) {
@@ -63,6 +50,15 @@ struct SelectionOutcome {
     std::optional<Error> error;
 
     int reports() const { return successes + failures; }
+    // Starts a Best Node run of `selector` over `nodes` reporting here.
+    void pick(NodeSelector& selector, const Nodes& nodes, long mode = NodeSelector::kDelayModeAvg,
+              std::shared_ptr<AccConfig> config = AccConfig::defaultConfig()) {
+        selector.pickBestNodeFromNodes(nodes, config, mode, success(), failure());
+    }
+    // Waits for the run's report.
+    bool reported(double seconds = 10) {
+        return waitFor([&] { return reports() > 0; }, seconds);
+    }
 
     NodeSelector::BestNodeNotifyBlock success() {
         return [this](const Nodes& chosen, double d, double l, double dev) {
@@ -98,10 +94,8 @@ TEST(NodeSelector, PicksTheFastestSteadyNodeOverRealEchoes) {
     auto selector = makeSelector(0.5, 5, echoes.port);
     log::Capture capture;
     SelectionOutcome outcome;
-    selector->pickBestNodeFromNodes(nodesAt(4), AccConfig::defaultConfig(),
-                                    NodeSelector::kDelayModeAvg, outcome.success(),
-                                    outcome.failure());
-    ASSERT_TRUE(waitFor([&] { return outcome.reports() > 0; }, 10));
+    outcome.pick(*selector, nodesAt(4));
+    ASSERT_TRUE(outcome.reported());
     std::lock_guard guard(outcome.mutex);
     ASSERT_EQ(outcome.successes, 1);
     ASSERT_FALSE(outcome.nodes.empty());
@@ -141,7 +135,7 @@ TEST(NodeSelector, MultipathMeasuresEveryNodeAndPacesManyServers) {
     selector->testMultipathNodeFromNodes(nodesAt(12), AccConfig::defaultConfig(),
                                          NodeSelector::kDelayModeMin, outcome.success(),
                                          outcome.failure());
-    ASSERT_TRUE(waitFor([&] { return outcome.reports() > 0; }, 10));
+    ASSERT_TRUE(outcome.reported());
     std::lock_guard guard(outcome.mutex);
     ASSERT_EQ(outcome.successes, 1);
     ASSERT_EQ(outcome.nodes.size(), 12u);
@@ -163,10 +157,8 @@ TEST(NodeSelector, ASubMillisecondNodeOutranksASlowerOne) {
     for (int run = 0; run < 3; ++run) {
         auto selector = makeSelector(0.5, 5, echoes.port);
         SelectionOutcome outcome;
-        selector->pickBestNodeFromNodes(nodesAt(2), AccConfig::defaultConfig(),
-                                        NodeSelector::kDelayModeAvg, outcome.success(),
-                                        outcome.failure());
-        ASSERT_TRUE(waitFor([&] { return outcome.reports() > 0; }, 10));
+        outcome.pick(*selector, nodesAt(2));
+        ASSERT_TRUE(outcome.reported());
         std::lock_guard guard(outcome.mutex);
         ASSERT_EQ(outcome.successes, 1);
         ASSERT_EQ(outcome.nodes.size(), 2u);
@@ -185,15 +177,13 @@ TEST(NodeSelector, DelayArithmeticWithAnInjectedClock) {
     auto selector = makeSelector(3.0, 5, echoes.port);
     selector->setSendDataPrefix("QOS");
     SelectionOutcome outcome;
-    selector->pickBestNodeFromNodes(nodesAt(1), AccConfig::defaultConfig(),
-                                    NodeSelector::kDelayModeAvg, outcome.success(),
-                                    outcome.failure());
+    outcome.pick(*selector, nodesAt(1));
     // Every probe carries "QOS0"; the echoes come back after the clock moved 40 us: a delay far
     // below a millisecond is still a measurement, not the zero that marks an unusable sample.
     bool sent = waitFor([&] { return selector->sendedPacketNumber() == 5; }, 5);
     now = now + 0.04;
     ASSERT_TRUE(sent);
-    ASSERT_TRUE(waitFor([&] { return outcome.reports() > 0; }, 10));
+    ASSERT_TRUE(outcome.reported());
     Clock::setNowForTesting(nullptr);
     std::lock_guard guard(outcome.mutex);
     ASSERT_EQ(outcome.successes, 1);
@@ -212,10 +202,8 @@ TEST(NodeSelector, SilentServersTimeOut) {
         // Nobody answers on 127.0.0.10 and 127.0.0.11.
         auto selector = makeSelector(0.3, 2, echoes.port);
         SelectionOutcome outcome;
-        selector->pickBestNodeFromNodes(nodesAt(2, 9), AccConfig::defaultConfig(),
-                                        NodeSelector::kDelayModeAvg, outcome.success(),
-                                        outcome.failure());
-        ASSERT_TRUE(waitFor([&] { return outcome.reports() > 0; }, 10));
+        outcome.pick(*selector, nodesAt(2, 9));
+        ASSERT_TRUE(outcome.reported());
         std::lock_guard guard(outcome.mutex);
         EXPECT_EQ(outcome.successes, 0);
         ASSERT_TRUE(outcome.error);
@@ -231,10 +219,8 @@ TEST(NodeSelector, SilentServersTimeOut) {
         Nodes nodes = nodesAt(1);
         for (auto& node : nodesAt(2, 9))
             nodes.push_back(node);
-        selector->pickBestNodeFromNodes(nodes, AccConfig::defaultConfig(),
-                                        NodeSelector::kDelayModeAvg, outcome.success(),
-                                        outcome.failure());
-        ASSERT_TRUE(waitFor([&] { return outcome.reports() > 0; }, 10));
+        outcome.pick(*selector, nodes);
+        ASSERT_TRUE(outcome.reported());
         std::lock_guard guard(outcome.mutex);
         ASSERT_EQ(outcome.successes, 1);
         ASSERT_EQ(outcome.nodes.size(), 1u);
@@ -259,9 +245,8 @@ TEST(NodeSelector, NoBufferSpaceRefusalFailsTheRunAndThinsTheNext) {
     selector->udpSocket()->failNextSendsForTesting(1, ENOBUFS);
     log::Capture capture;
     SelectionOutcome first;
-    selector->pickBestNodeFromNodes(nodesAt(12), AccConfig::defaultConfig(),
-                                    NodeSelector::kDelayModeAvg, first.success(), first.failure());
-    ASSERT_TRUE(waitFor([&] { return first.reports() > 0; }, 10));
+    first.pick(*selector, nodesAt(12));
+    ASSERT_TRUE(first.reported());
     {
         std::lock_guard guard(first.mutex);
         EXPECT_EQ(first.successes, 0);
@@ -276,10 +261,8 @@ TEST(NodeSelector, NoBufferSpaceRefusalFailsTheRunAndThinsTheNext) {
     EXPECT_TRUE(capture.contains("udpSocketDidClose with error:"));
 
     SelectionOutcome second;
-    selector->pickBestNodeFromNodes(nodesAt(12), AccConfig::defaultConfig(),
-                                    NodeSelector::kDelayModeAvg, second.success(),
-                                    second.failure());
-    ASSERT_TRUE(waitFor([&] { return second.reports() > 0; }, 10));
+    second.pick(*selector, nodesAt(12));
+    ASSERT_TRUE(second.reported());
     std::lock_guard guard(second.mutex);
     EXPECT_EQ(second.successes, 1);
     // Twice the groups (capped at the server count), twice the pause.
@@ -294,18 +277,14 @@ TEST(NodeSelector, StopAndReleaseEndARunSilently) {
     ASSERT_TRUE(echoes.server);
     SelectionOutcome stopped;
     auto selector = makeSelector(0.2, 3, echoes.port);
-    selector->pickBestNodeFromNodes(nodesAt(2), AccConfig::defaultConfig(),
-                                    NodeSelector::kDelayModeAvg, stopped.success(),
-                                    stopped.failure());
+    stopped.pick(*selector, nodesAt(2));
     selector->stop();
     EXPECT_EQ(selector->udpSocket(), nullptr);
 
     SelectionOutcome released;
     auto doomed = makeSelector(0.2, 3, echoes.port);
     std::weak_ptr<NodeSelector> weak = doomed;
-    doomed->pickBestNodeFromNodes(nodesAt(2), AccConfig::defaultConfig(),
-                                  NodeSelector::kDelayModeAvg, released.success(),
-                                  released.failure());
+    released.pick(*doomed, nodesAt(2));
     doomed.reset();
     // Well past the echoes and the receive time-out: still no word from either run.
     EXPECT_FALSE(waitFor([&] { return stopped.reports() + released.reports() > 0; }, 1.0));
@@ -313,9 +292,8 @@ TEST(NodeSelector, StopAndReleaseEndARunSilently) {
 
     // A stopped selector runs again.
     SelectionOutcome again;
-    selector->pickBestNodeFromNodes(nodesAt(2), AccConfig::defaultConfig(),
-                                    NodeSelector::kDelayModeMin, again.success(), again.failure());
-    ASSERT_TRUE(waitFor([&] { return again.reports() > 0; }, 10));
+    again.pick(*selector, nodesAt(2), NodeSelector::kDelayModeMin);
+    ASSERT_TRUE(again.reported());
     EXPECT_EQ(again.successes, 1);
     EXPECT_EQ(stopped.reports(), 0);
 }
@@ -337,10 +315,8 @@ TEST(NodeSelector, ReportsOnceUnderDuplicateLateAndGarbageReplies) {
     for (int round = 0; round < 3; ++round) {
         auto selector = makeSelector(0.3, 4, echoes.port);
         SelectionOutcome outcome;
-        selector->pickBestNodeFromNodes(nodesAt(5), AccConfig::defaultConfig(),
-                                        NodeSelector::kDelayModeAvg, outcome.success(),
-                                        outcome.failure());
-        ASSERT_TRUE(waitFor([&] { return outcome.reports() > 0; }, 10));
+        outcome.pick(*selector, nodesAt(5));
+        ASSERT_TRUE(outcome.reported());
         // The late echoes arrive after the report; nothing follows it.
         EXPECT_FALSE(waitFor([&] { return outcome.reports() > 1; }, 0.7));
         std::lock_guard guard(outcome.mutex);
@@ -371,8 +347,7 @@ TEST(NodeSelector, ZeroScoresAndOtherDelayModes) {
         config->isp = Number(0);
         auto selector = makeSelector(0.3, 2, echoes.port);
         SelectionOutcome outcome;
-        selector->pickBestNodeFromNodes(nodesAt(1), config, NodeSelector::kDelayModeAvg,
-                                        outcome.success(), outcome.failure());
+        outcome.pick(*selector, nodesAt(1), NodeSelector::kDelayModeAvg, config);
         ASSERT_TRUE(waitFor(
             [&] { return selector->computingStatus() == NodeSelector::kStatusFinished; }, 10));
         EXPECT_FALSE(waitFor([&] { return outcome.reports() > 0; }, 0.5));
@@ -381,9 +356,8 @@ TEST(NodeSelector, ZeroScoresAndOtherDelayModes) {
         // A delay mode that is neither avg nor min reports the fallback delay.
         auto selector = makeSelector(0.3, 2, echoes.port);
         SelectionOutcome outcome;
-        selector->pickBestNodeFromNodes(nodesAt(1), AccConfig::defaultConfig(), 7,
-                                        outcome.success(), outcome.failure());
-        ASSERT_TRUE(waitFor([&] { return outcome.reports() > 0; }, 10));
+        outcome.pick(*selector, nodesAt(1), 7);
+        ASSERT_TRUE(outcome.reported());
         std::lock_guard guard(outcome.mutex);
         ASSERT_EQ(outcome.successes, 1);
         EXPECT_EQ(outcome.delay, 1000);
@@ -394,8 +368,7 @@ TEST(NodeSelector, ZeroScoresAndOtherDelayModes) {
         // and the error (code 5) waits on the selector.
         auto selector = makeSelector(0.3, 2, echoes.port);
         SelectionOutcome outcome;
-        selector->pickBestNodeFromNodes({}, AccConfig::defaultConfig(), 0, outcome.success(),
-                                        outcome.failure());
+        outcome.pick(*selector, {});
         ASSERT_TRUE(waitFor([&] { return selector->error().has_value(); }, 5));
         EXPECT_EQ(selector->error()->code, 5);
         EXPECT_EQ(selector->error()->domain, "NodeSelectorErrorDomain");
@@ -441,9 +414,8 @@ TEST(NodeSelector, ANodeAtANativeIPv6AddressIsMeasured) {
     SelectionOutcome outcome;
     auto node = std::make_shared<AccNode>();
     node->pingServer = "::1";
-    selector->pickBestNodeFromNodes({node}, AccConfig::defaultConfig(), NodeSelector::kDelayModeAvg,
-                                    outcome.success(), outcome.failure());
-    ASSERT_TRUE(waitFor([&] { return outcome.reports() > 0; }, 10));
+    outcome.pick(*selector, {node});
+    ASSERT_TRUE(outcome.reported());
     EXPECT_TRUE(selector->isIPV6());
     EXPECT_EQ(capture.count("[NodeSelector] Detected IPV6 environment"), 1u);
     // The last 32 bits of ::1 read as 0.0.0.1, which is no probed address: the echoes count
@@ -455,14 +427,7 @@ TEST(NodeSelector, ANodeAtANativeIPv6AddressIsMeasured) {
 }
 
 TEST(NodeSelector, SetUpRulesAndInterfaceChecks) {
-    auto plain = NodeSelector::create();
-    EXPECT_EQ(plain->port(), 9999);
-    EXPECT_EQ(plain->sendPacketCount(), 5);
-    EXPECT_EQ(plain->testPingTimeout(), 0);
-    EXPECT_EQ(plain->bindedInterfaceTypeString(), "Any");
-    EXPECT_EQ(plain->delayModeString(), "avg");
-    EXPECT_EQ(plain->modeString(), "Test Ping");
-    EXPECT_EQ(plain->dataProcessQueue().label().rfind("nodeselector.dataProcessQueue.0x", 0), 0u);
+    // Unusable figures fall back to the defaults: a computed time-out of 2.5 s, five probes.
     auto fixed = NodeSelector::create(7, -1, 0);
     EXPECT_EQ(fixed->testPingTimeout(), 2.5);
     EXPECT_EQ(fixed->sendPacketCount(), 5);

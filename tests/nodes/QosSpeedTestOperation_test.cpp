@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <mutex>
+#include <tuple>
 
 #include "lmkit/nodes/OperationQueue.hpp"
 #include "lmkit/testbed/EchoServer.hpp"
@@ -145,18 +146,14 @@ TEST(QosSpeedTestOperationTest, ACancelledOperationFinishesWithoutProbing) {
 TEST(QosSpeedTestOperationTest, AddressesSplitIntoHostAndPort) {
     std::string host;
     long port = -1;
-    EXPECT_TRUE(QosSpeedTestOperation::splitAddress("10.0.0.1", host, port));
-    EXPECT_EQ(host, "10.0.0.1");
-    EXPECT_EQ(port, 0);
-    EXPECT_TRUE(QosSpeedTestOperation::splitAddress("echo.example:7", host, port));
-    EXPECT_EQ(host, "echo.example");
-    EXPECT_EQ(port, 7);
-    EXPECT_TRUE(QosSpeedTestOperation::splitAddress("[2001:db8::1]:9999", host, port));
-    EXPECT_EQ(host, "2001:db8::1");
-    EXPECT_EQ(port, 9999);
-    EXPECT_TRUE(QosSpeedTestOperation::splitAddress("2001:db8::1", host, port));
-    EXPECT_EQ(host, "2001:db8::1");
-    EXPECT_EQ(port, 0);
+    for (auto [address, expectedHost, expectedPort] : {std::tuple{"10.0.0.1", "10.0.0.1", 0L},
+                                                       {"echo.example:7", "echo.example", 7L},
+                                                       {"[2001:db8::1]:9999", "2001:db8::1", 9999L},
+                                                       {"2001:db8::1", "2001:db8::1", 0L}}) {
+        EXPECT_TRUE(QosSpeedTestOperation::splitAddress(address, host, port)) << address;
+        EXPECT_EQ(host, expectedHost);
+        EXPECT_EQ(port, expectedPort);
+    }
     for (const char* bad :
          {"", ":80", "host:", "host:0", "host:65536", "host:8x", "[::1]x", "[::1", "[]:5"})
         EXPECT_FALSE(QosSpeedTestOperation::splitAddress(bad, host, port)) << bad;

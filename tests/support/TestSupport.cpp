@@ -25,6 +25,27 @@ EchoFaults delayed(double ms, double loss) {
     return faults;
 }
 
+std::unique_ptr<EchoServer> echoesOnOnePort(const std::vector<EchoFaults>& faults,
+                                            std::uint64_t seed, std::uint16_t& port,
+                                            const std::string& host) {
+    // The port is free when probed; another program may still take it before the endpoints
+    // open, so a few ports are tried.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        auto probe = EchoServer::start({EchoEndpointConfig{"127.0.0.1", 0, {}}});
+        if (!probe)
+            continue;
+        port = probe->endpoints()[0].port;
+        probe.reset();
+        std::vector<EchoEndpointConfig> endpoints;
+        for (std::size_t i = 0; i < faults.size(); ++i)
+            endpoints.push_back(
+                {host.empty() ? "127.0.0." + std::to_string(i + 1) : host, port, faults[i]});
+        if (auto server = EchoServer::start(endpoints, seed))
+            return server;
+    }
+    return nullptr;
+}
+
 bool waitFor(const std::function<bool()>& condition, double seconds) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (!condition()) {

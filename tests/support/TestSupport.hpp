@@ -1,8 +1,10 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,13 +13,21 @@
 
 namespace lmkit {
 struct EchoFaults;
-}
+class EchoServer;
+}  // namespace lmkit
 
 namespace lmkit::testing {
 
 /// An echo endpoint's faults: it answers after `ms` milliseconds and drops the share `loss` of
 /// requests.
 EchoFaults delayed(double ms, double loss = 0);
+
+/// Echo endpoints, one per entry of `faults`, at 127.0.0.1, 127.0.0.2, ... (or all at `host`)
+/// on one free port, which `port` receives: a selector probes every server on the same port and
+/// tells them apart by address. Nil when no port could be had.
+std::unique_ptr<EchoServer> echoesOnOnePort(const std::vector<EchoFaults>& faults,
+                                            std::uint64_t seed, std::uint16_t& port,
+                                            const std::string& host = "");
 
 /// Polls `condition` until it holds or `seconds` pass; true when it held. Tests wait for the
 /// event with a deadline instead of sleeping for a guessed time.
