@@ -52,9 +52,7 @@ TEST(NetworkInfoProvider, RadioTechnologyGivesTheNetworkType) {
     Fixture f;
     auto& p = *f.provider;
     EXPECT_EQ(p.networkType(kRadioAccessTechnologyEdge), 2);
-    EXPECT_EQ(p.networkType(kRadioAccessTechnologyCDMA1x), 2);
     EXPECT_EQ(p.networkType(kRadioAccessTechnologyHSUPA), 3);
-    EXPECT_EQ(p.networkType(kRadioAccessTechnologyeHRPD), 3);
     EXPECT_EQ(p.networkType(kRadioAccessTechnologyLTE), 4);
     EXPECT_EQ(p.networkType(kRadioAccessTechnologyNRNSA), 5);
     EXPECT_EQ(p.networkType(std::string("LTE")), -1);
