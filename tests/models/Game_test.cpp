@@ -17,12 +17,8 @@ std::shared_ptr<Game> game(const char* text) {
 TEST(Game, DefaultsFillAbsentKeysAndOverseaFillsBoth) {
     auto g = game(R"({"gid":"g1","oversea":true,"icon_url":"https://x/i.png",
         "corner_badge":"bad url","subs":[{"gid":"g2","online":0}]})");
-    EXPECT_EQ(g->isOnline->intValue(), 1);
-    EXPECT_EQ(g->urlScheme, "");
-    EXPECT_EQ(g->consoleGameWikiId, "");
-    EXPECT_EQ(g->isHot->intValue(), 0);
-    ASSERT_TRUE(g->keyWords && g->category && g->multipleBundleUrlTypes);
-    EXPECT_TRUE(g->keyWords->empty());
+    EXPECT_EQ(g->isOnline->intValue(), 1);  // a default of the table
+    ASSERT_TRUE(g->multipleBundleUrlTypes);
     EXPECT_TRUE(g->oversea);
     EXPECT_TRUE(g->isOverseaGame);
     EXPECT_EQ(g->iconUrl->absoluteString(), "https://x/i.png");
