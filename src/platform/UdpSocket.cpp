@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/udp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -54,6 +55,17 @@ constexpr int kBatchesPerWakeup = 16;
 constexpr int kSendBufferWaitMilliseconds = 200;
 // Datagrams handed to the kernel per sendmmsg call (the kernel's own cap is UIO_MAXIOV).
 constexpr unsigned kSendBatch = 1024;
+#ifndef UDP_SEGMENT
+#define UDP_SEGMENT 103
+#endif
+// Datagrams of one message split by the kernel (UDP segmentation offload): its limit on older
+// systems, and well inside a message's 64 KiB for probes of a few dozen bytes.
+constexpr std::size_t kMaxSegments = 64;
+constexpr std::size_t kMaxSegmentedBytes = 60000;
+// Only datagrams this small are joined: each segment must fit the path's MTU, which the kernel
+// checks and a tunnel can make small; larger ones leave alone, fragmented as ever.
+constexpr std::size_t kMaxSegmentBytes = 512;
+constexpr size_t kSegmentControlBytes = CMSG_SPACE(sizeof(uint16_t));
 // Room for one SCM_TIMESTAMPNS control message per received datagram.
 constexpr size_t kControlBytes = CMSG_SPACE(sizeof(timespec));
 
@@ -169,6 +181,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
     int fd = -1;
     int family = 0;
     uint16_t port = 0;
+    bool segmentation = false;  // the kernel splits a message into datagrams (UDP_SEGMENT)
 
     // Strand only.
     std::optional<asio::posix::stream_descriptor> descriptor;
@@ -332,9 +345,15 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         enlargeReceiveBuffer(newFd, kDefaultReceiveBufferBytes);
         enableReceiveTimestamps(newFd);
 
+        int segmentSize = 0;
+        socklen_t optionLength = sizeof segmentSize;
+        const bool canSegment =
+            getsockopt(newFd, SOL_UDP, UDP_SEGMENT, &segmentSize, &optionLength) == 0;
+
         std::unique_lock lock(fdMutex);
         fd = newFd;
         family = newFamily;
+        segmentation = canSegment;
         port = describeSource(bound).port;
         descriptor.emplace(strand, newFd);
         return true;
@@ -550,11 +569,19 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         std::shared_lock lock(fdMutex);
         if (fd < 0)
             return;
-        std::vector<mmsghdr> headers(datagrams.size());
-        std::vector<iovec> vectors(datagrams.size());
+        // Datagrams to one destination that follow each other with one payload size (the last
+        // may be shorter) leave as one message the kernel splits: a burst sends each server its
+        // probes back to back, and one route lookup and one buffer per server instead of one
+        // per datagram takes a large share of the burst's cost off the kernel.
+        struct Message {
+            std::size_t first, count;  // of the sendable datagrams
+        };
+        std::vector<iovec> vectors;
+        std::vector<Destination*> targets;
         std::vector<long> tags;
+        vectors.reserve(datagrams.size());
+        targets.reserve(datagrams.size());
         tags.reserve(datagrams.size());
-        std::size_t used = 0;
         for (std::size_t i = 0; i < datagrams.size(); ++i) {
             Destination& target = destinations[i];
             if (family == AF_INET6 && target.family == AF_INET) {
@@ -564,18 +591,54 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
                 continue;
             }
             auto& payload = datagrams[i]->payload;
-            vectors[used] = {const_cast<char*>(payload.data()), payload.size()};
-            headers[used].msg_hdr = {};
-            headers[used].msg_hdr.msg_name = &target.storage;
-            headers[used].msg_hdr.msg_namelen = target.length;
-            headers[used].msg_hdr.msg_iov = &vectors[used];
-            headers[used].msg_hdr.msg_iovlen = 1;
+            vectors.push_back({const_cast<char*>(payload.data()), payload.size()});
+            targets.push_back(&target);
             tags.push_back(datagrams[i]->tag);
-            ++used;
+        }
+        auto sameTarget = [&](std::size_t a, std::size_t b) {
+            return targets[a]->length == targets[b]->length &&
+                   std::memcmp(&targets[a]->storage, &targets[b]->storage, targets[a]->length) == 0;
+        };
+        std::vector<Message> messages;
+        for (std::size_t i = 0; i < vectors.size();) {
+            std::size_t count = 1, bytes = vectors[i].iov_len;
+            const std::size_t size = vectors[i].iov_len;
+            while (segmentation && size > 0 && size <= kMaxSegmentBytes &&
+                   i + count < vectors.size() && count < kMaxSegments && sameTarget(i, i + count) &&
+                   vectors[i + count].iov_len > 0 && vectors[i + count].iov_len <= size &&
+                   bytes + vectors[i + count].iov_len <= kMaxSegmentedBytes) {
+                bytes += vectors[i + count].iov_len;
+                if (vectors[i + count++].iov_len < size)
+                    break;  // a shorter one ends the message
+            }
+            messages.push_back({i, count});
+            i += count;
+        }
+        std::vector<mmsghdr> headers(messages.size());
+        std::vector<std::array<char, kSegmentControlBytes>> controls(messages.size());
+        for (std::size_t m = 0; m < messages.size(); ++m) {
+            const auto& message = messages[m];
+            auto& header = headers[m].msg_hdr;
+            header = {};
+            header.msg_name = &targets[message.first]->storage;
+            header.msg_namelen = targets[message.first]->length;
+            header.msg_iov = &vectors[message.first];
+            header.msg_iovlen = message.count;
+            if (message.count > 1) {
+                header.msg_control = controls[m].data();
+                header.msg_controllen = controls[m].size();
+                cmsghdr* control = CMSG_FIRSTHDR(&header);
+                control->cmsg_level = SOL_UDP;
+                control->cmsg_type = UDP_SEGMENT;
+                control->cmsg_len = CMSG_LEN(sizeof(uint16_t));
+                const auto segment = static_cast<uint16_t>(vectors[message.first].iov_len);
+                std::memcpy(CMSG_DATA(control), &segment, sizeof segment);
+            }
         }
         std::size_t done = 0;
-        while (done < used) {
-            auto chunk = static_cast<unsigned>(std::min<std::size_t>(used - done, kSendBatch));
+        while (done < headers.size()) {
+            auto chunk =
+                static_cast<unsigned>(std::min<std::size_t>(headers.size() - done, kSendBatch));
             int sent = ::sendmmsg(fd, headers.data() + done, chunk, 0);
             ++sendCalls;
             if (sent > 0) {
@@ -590,8 +653,10 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
                 if (::poll(&waiter, 1, kSendBufferWaitMilliseconds) > 0)
                     continue;
             }
-            // The datagram at the head of the batch is refused; the rest still get their try.
-            reportNotSent(tags[done], posixError(code));
+            // The message at the head of the batch is refused; the rest still get their try.
+            const auto& refused = messages[done];
+            for (std::size_t i = 0; i < refused.count; ++i)
+                reportNotSent(tags[refused.first + i], posixError(code));
             ++done;
         }
     }

@@ -80,8 +80,11 @@ class SelectorBinding : public ::testing::Test {
         });
         network.join();
         ready_ = beyond && echo_ && sh("ip addr add 10.78.1.2/24 dev en0") &&
-                 sh("ip addr add 10.78.2.2/24 dev pdp_ip0") && sh("ip link set en0 up") &&
-                 sh("ip link set pdp_ip0 up") &&
+                 sh("ip addr add 10.78.2.2/24 dev pdp_ip0") &&
+                 // No IPv6 chatter on the links: what leaves them is the probes (and their ARP).
+                 sh("sysctl -qw net.ipv6.conf.en0.disable_ipv6=1") &&
+                 sh("sysctl -qw net.ipv6.conf.pdp_ip0.disable_ipv6=1") &&
+                 sh("ip link set en0 up") && sh("ip link set pdp_ip0 up") &&
                  sh("ip route add default via 10.78.1.1 dev en0 metric 100") &&
                  sh("ip route add default via 10.78.2.1 dev pdp_ip0 metric 200");
     }
@@ -98,7 +101,8 @@ class SelectorBinding : public ::testing::Test {
 };
 
 // One run of a selector bound to `type` against the echo service; the packets each link sent
-// meanwhile.
+// meanwhile. A server's probes leave back to back, and a link that takes segmentation offload
+// counts them as one packet.
 struct Probed {
     int successes = 0;
     int failures = 0;
@@ -144,20 +148,21 @@ TEST_F(SelectorBinding, CellularSelectorProbesThroughPdpIp0) {
     // Unbound, the probes follow the default route: Wi-Fi.
     auto any = probeEcho(NodeSelector::kInterfaceAny, port);
     ASSERT_EQ(any.successes, 1);
-    EXPECT_GE(any.viaWiFi, 4);
-    EXPECT_LT(any.viaCellular, 4);
+    EXPECT_GE(any.viaWiFi, 1);
+    EXPECT_EQ(any.viaCellular, 0);
 
     // Bound to cellular, they leave through pdp_ip0 although the default route is Wi-Fi's.
     auto cellular = probeEcho(NodeSelector::kInterfaceCellular, port);
     ASSERT_EQ(cellular.successes, 1);
     EXPECT_EQ(cellular.loss, 0);
-    EXPECT_GE(cellular.viaCellular, 4);
-    EXPECT_LT(cellular.viaWiFi, 4);
+    EXPECT_GE(cellular.viaCellular, 1);
+    EXPECT_EQ(cellular.viaWiFi, 0);
 
     // Wi-Fi is checked but not pinned: its probes take the default route, which is Wi-Fi's.
     auto wifi = probeEcho(NodeSelector::kInterfaceWiFi, port);
     ASSERT_EQ(wifi.successes, 1);
-    EXPECT_GE(wifi.viaWiFi, 4);
+    EXPECT_GE(wifi.viaWiFi, 1);
+    EXPECT_EQ(wifi.viaCellular, 0);
 }
 
 TEST_F(SelectorBinding, ADownInterfaceRefusesToBind) {
