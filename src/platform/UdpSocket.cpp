@@ -66,6 +66,43 @@ constexpr std::size_t kMaxSegmentedBytes = 60000;
 // checks and a tunnel can make small; larger ones leave alone, fragmented as ever.
 constexpr std::size_t kMaxSegmentBytes = 512;
 constexpr size_t kSegmentControlBytes = CMSG_SPACE(sizeof(uint16_t));
+// One message of a send batch: `count` datagrams from `first` on, split by the kernel when more
+// than one.
+struct SegmentedMessage {
+    std::size_t first, count;
+};
+
+// Datagrams to one destination that follow each other with one payload size (the last may be
+// shorter, none empty) make one message: a burst sends each server its probes back to back, and
+// one route lookup and one buffer per server instead of one per datagram takes a large share of
+// the burst's cost off the kernel.
+std::vector<SegmentedMessage> joinForSegmentation(const std::vector<iovec>& vectors,
+                                                  const std::vector<const Destination*>& targets,
+                                                  bool segmentation) {
+    auto sameTarget = [&](std::size_t a, std::size_t b) {
+        return targets[a]->length == targets[b]->length &&
+               std::memcmp(&targets[a]->storage, &targets[b]->storage, targets[a]->length) == 0;
+    };
+    std::vector<SegmentedMessage> messages;
+    for (std::size_t i = 0; i < vectors.size();) {
+        const std::size_t size = vectors[i].iov_len;
+        std::size_t count = 1, bytes = size;
+        while (segmentation && size > 0 && size <= kMaxSegmentBytes && i + count < vectors.size() &&
+               count < kMaxSegments && sameTarget(i, i + count)) {
+            const std::size_t next = vectors[i + count].iov_len;
+            if (next == 0 || next > size || bytes + next > kMaxSegmentedBytes)
+                break;
+            bytes += next;
+            ++count;
+            if (next < size)
+                break;  // a shorter one ends the message
+        }
+        messages.push_back({i, count});
+        i += count;
+    }
+    return messages;
+}
+
 // Room for one SCM_TIMESTAMPNS control message per received datagram.
 constexpr size_t kControlBytes = CMSG_SPACE(sizeof(timespec));
 
@@ -181,7 +218,9 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
     int fd = -1;
     int family = 0;
     uint16_t port = 0;
-    bool segmentation = false;  // the kernel splits a message into datagrams (UDP_SEGMENT)
+    // The kernel splits a message into datagrams (UDP_SEGMENT); off for good once a path
+    // refuses a split message (an IPsec route does).
+    std::atomic<bool> segmentation{false};
 
     // Strand only.
     std::optional<asio::posix::stream_descriptor> descriptor;
@@ -569,15 +608,8 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         std::shared_lock lock(fdMutex);
         if (fd < 0)
             return;
-        // Datagrams to one destination that follow each other with one payload size (the last
-        // may be shorter) leave as one message the kernel splits: a burst sends each server its
-        // probes back to back, and one route lookup and one buffer per server instead of one
-        // per datagram takes a large share of the burst's cost off the kernel.
-        struct Message {
-            std::size_t first, count;  // of the sendable datagrams
-        };
         std::vector<iovec> vectors;
-        std::vector<Destination*> targets;
+        std::vector<const Destination*> targets;
         std::vector<long> tags;
         vectors.reserve(datagrams.size());
         targets.reserve(datagrams.size());
@@ -595,32 +627,14 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
             targets.push_back(&target);
             tags.push_back(datagrams[i]->tag);
         }
-        auto sameTarget = [&](std::size_t a, std::size_t b) {
-            return targets[a]->length == targets[b]->length &&
-                   std::memcmp(&targets[a]->storage, &targets[b]->storage, targets[a]->length) == 0;
-        };
-        std::vector<Message> messages;
-        for (std::size_t i = 0; i < vectors.size();) {
-            std::size_t count = 1, bytes = vectors[i].iov_len;
-            const std::size_t size = vectors[i].iov_len;
-            while (segmentation && size > 0 && size <= kMaxSegmentBytes &&
-                   i + count < vectors.size() && count < kMaxSegments && sameTarget(i, i + count) &&
-                   vectors[i + count].iov_len > 0 && vectors[i + count].iov_len <= size &&
-                   bytes + vectors[i + count].iov_len <= kMaxSegmentedBytes) {
-                bytes += vectors[i + count].iov_len;
-                if (vectors[i + count++].iov_len < size)
-                    break;  // a shorter one ends the message
-            }
-            messages.push_back({i, count});
-            i += count;
-        }
+        const auto messages = joinForSegmentation(vectors, targets, segmentation);
         std::vector<mmsghdr> headers(messages.size());
         std::vector<std::array<char, kSegmentControlBytes>> controls(messages.size());
         for (std::size_t m = 0; m < messages.size(); ++m) {
             const auto& message = messages[m];
             auto& header = headers[m].msg_hdr;
             header = {};
-            header.msg_name = &targets[message.first]->storage;
+            header.msg_name = const_cast<sockaddr_storage*>(&targets[message.first]->storage);
             header.msg_namelen = targets[message.first]->length;
             header.msg_iov = &vectors[message.first];
             header.msg_iovlen = message.count;
@@ -653,10 +667,19 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
                 if (::poll(&waiter, 1, kSendBufferWaitMilliseconds) > 0)
                     continue;
             }
-            // The message at the head of the batch is refused; the rest still get their try.
+            // The message at the head of the batch is refused; the rest still get their try. A
+            // split message a path cannot take goes again as single datagrams.
             const auto& refused = messages[done];
-            for (std::size_t i = 0; i < refused.count; ++i)
-                reportNotSent(tags[refused.first + i], posixError(code));
+            const bool unsplittable = refused.count > 1 && (code == EIO || code == EINVAL);
+            if (unsplittable)
+                segmentation = false;
+            for (std::size_t i = refused.first; i < refused.first + refused.count; ++i) {
+                if (!unsplittable ||
+                    ::sendto(fd, vectors[i].iov_base, vectors[i].iov_len, 0,
+                             reinterpret_cast<const sockaddr*>(&targets[i]->storage),
+                             targets[i]->length) < 0)
+                    reportNotSent(tags[i], posixError(unsplittable ? errno : code));
+            }
             ++done;
         }
     }

@@ -2,6 +2,7 @@
 #include "lmkit/platform/UdpSocket.hpp"
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <mutex>
@@ -154,6 +155,17 @@ TEST(UdpSocket, BurstArrivesCompleteAndInOrderAsSeparateEvents) {
     received = receiver.recorder->received();
     for (int i = 0; i < kCount; ++i)
         ASSERT_EQ(received[kCount + i].text, batch[i].payload);
+
+    // A path that refuses split messages (here: no UDP checksums) gets the datagrams one by one.
+    int on = 1;
+    ASSERT_EQ(setsockopt(sender.socket->socketFD(), SOL_SOCKET, SO_NO_CHECK, &on, sizeof on), 0);
+    batch.resize(100);
+    for (auto& datagram : batch)
+        datagram.payload = "same size";
+    sender.socket->sendDatagrams(batch);
+    ASSERT_TRUE(waitFor([&] { return receiver.recorder->received().size() == 2 * kCount + 100; }))
+        << "received " << receiver.recorder->received().size();
+    EXPECT_EQ(receiver.recorder->received().back().text, "same size");
     EXPECT_TRUE(sender.recorder->notSent().empty());
 }
 
