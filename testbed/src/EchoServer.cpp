@@ -159,7 +159,7 @@ struct EchoServer::Impl {
             int count = recvmmsg(endpoint.fd, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
             if (count <= 0)
                 return;
-            const auto readAt = ServerLoop::Clock::now();
+            const testbed::ArrivalClock clock;
             if (endpoint.plain) {
                 // The whole batch goes back with one system call: the same buffers, addressed
                 // back to their senders.
@@ -179,7 +179,7 @@ struct EchoServer::Impl {
                     const auto* begin = static_cast<const uint8_t*>(vectors[i].iov_base);
                     handle(index, sources[i], messages[i].msg_hdr.msg_namelen,
                            std::vector<uint8_t>(begin, begin + messages[i].msg_len),
-                           testbed::arrivalTime(messages[i].msg_hdr, readAt));
+                           clock.arrival(messages[i].msg_hdr));
                 }
             }
             if (count < static_cast<int>(kBatch))

@@ -1,5 +1,6 @@
 #include "ServerLoop.hpp"
 
+#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
@@ -124,6 +125,10 @@ void ServerLoop::run() {
             now < awakeUntil_ || (!timed_.empty() && timed_.front().due - now <= kSpinWindow);
         int count =
             epoll_wait(epollFd_, events.data(), static_cast<int>(events.size()), spinning ? 0 : -1);
+        // Spinning, the thread still lets whatever else is ready to run on this processor go
+        // first: on a busy machine it must not starve the very programs it answers.
+        if (spinning && count == 0)
+            sched_yield();
         for (int i = 0; i < count && !stopping_; ++i) {
             int fd = events[i].data.fd;
             if (fd == wakeFd_) {

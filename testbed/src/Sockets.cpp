@@ -53,24 +53,33 @@ int openBound(const sockaddr_storage& address, socklen_t length, int bufferBytes
     return fd;
 }
 
-std::chrono::steady_clock::time_point arrivalTime(const msghdr& header,
-                                                  std::chrono::steady_clock::time_point readAt) {
+namespace {
+std::chrono::nanoseconds sinceEpoch(const timespec& time) {
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+}  // namespace
+
+ArrivalClock::ArrivalClock() : readAt_(std::chrono::steady_clock::now()) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    wallAt_ = sinceEpoch(now);
+}
+
+std::chrono::steady_clock::time_point ArrivalClock::arrival(const msghdr& header) const {
     for (const cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr;
          c = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(c))) {
         if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_TIMESTAMPNS)
             continue;
-        // The stamp is on the wall clock: its distance from now carries over to the steady clock.
-        timespec stamp{}, now{};
+        // The stamp is on the wall clock: its distance from the read carries over to the steady
+        // clock. A wall clock stepped meanwhile would put it after the read or far before it.
+        timespec stamp{};
         std::memcpy(&stamp, CMSG_DATA(c), sizeof stamp);
-        clock_gettime(CLOCK_REALTIME, &now);
-        auto age = std::chrono::seconds(now.tv_sec - stamp.tv_sec) +
-                   std::chrono::nanoseconds(now.tv_nsec - stamp.tv_nsec);
-        auto arrived = std::chrono::steady_clock::now() -
-                       std::chrono::duration_cast<std::chrono::steady_clock::duration>(age);
-        // A wall clock stepped meanwhile would put the arrival before or after the read.
-        return arrived <= readAt && age < std::chrono::seconds(1) ? arrived : readAt;
+        const auto age = wallAt_ - sinceEpoch(stamp);
+        if (age < std::chrono::nanoseconds(0) || age > std::chrono::seconds(1))
+            return readAt_;
+        return readAt_ - std::chrono::duration_cast<std::chrono::steady_clock::duration>(age);
     }
-    return readAt;
+    return readAt_;
 }
 
 std::uint16_t boundPort(int fd) {

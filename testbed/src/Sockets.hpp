@@ -27,11 +27,21 @@ int openBound(const sockaddr_storage& address, socklen_t length, int bufferBytes
 /// Room for the arrival stamp in a received message's control data.
 inline constexpr std::size_t kArrivalControlBytes = 64;
 
-/// When the kernel took in the datagram of `header` (read with kArrivalControlBytes of control
-/// data), on the steady clock; `readAt` when it carries no stamp. A server that times a reply
-/// from this instant does not count its own wake-up as part of the delay it injects.
-std::chrono::steady_clock::time_point arrivalTime(const msghdr& header,
-                                                  std::chrono::steady_clock::time_point readAt);
+/// When the kernel took in each datagram of one read, on the steady clock. A server that times a
+/// reply from this instant does not count its own wake-up as part of the delay it injects.
+class ArrivalClock {
+  public:
+    /// Reads the steady and the wall clock once, for all the datagrams of a read just made.
+    ArrivalClock();
+    std::chrono::steady_clock::time_point readAt() const { return readAt_; }
+    /// The arrival of the datagram of `header` (read with kArrivalControlBytes of control data);
+    /// readAt() when it carries no stamp.
+    std::chrono::steady_clock::time_point arrival(const msghdr& header) const;
+
+  private:
+    std::chrono::steady_clock::time_point readAt_;
+    std::chrono::nanoseconds wallAt_;  // the wall clock at readAt_, since 1970
+};
 
 /// The local port `fd` is bound to.
 std::uint16_t boundPort(int fd);

@@ -207,7 +207,7 @@ struct Socks5Relay::Impl {
             if (size < 0)
                 return;
             const socklen_t length = message.msg_namelen;
-            const auto arrived = testbed::arrivalTime(message, ServerLoop::Clock::now());
+            const auto arrived = testbed::ArrivalClock().arrival(message);
             ++received;
             const auto* data = buffer.data();
             if (!acceptable(data, static_cast<std::size_t>(size))) {
