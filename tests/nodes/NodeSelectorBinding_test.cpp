@@ -82,8 +82,8 @@ class SelectorBinding : public ::testing::Test {
         ready_ = beyond && echo_ && sh("ip addr add 10.78.1.2/24 dev en0") &&
                  sh("ip addr add 10.78.2.2/24 dev pdp_ip0") &&
                  // No IPv6 chatter on the links: what leaves them is the probes (and their ARP).
-                 sh("sysctl -qw net.ipv6.conf.en0.disable_ipv6=1") &&
-                 sh("sysctl -qw net.ipv6.conf.pdp_ip0.disable_ipv6=1") &&
+                 sh("echo 1 > /proc/sys/net/ipv6/conf/en0/disable_ipv6") &&
+                 sh("echo 1 > /proc/sys/net/ipv6/conf/pdp_ip0/disable_ipv6") &&
                  sh("ip link set en0 up") && sh("ip link set pdp_ip0 up") &&
                  sh("ip route add default via 10.78.1.1 dev en0 metric 100") &&
                  sh("ip route add default via 10.78.2.1 dev pdp_ip0 metric 200");
