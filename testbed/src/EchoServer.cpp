@@ -244,6 +244,21 @@ std::unique_ptr<EchoServer> EchoServer::start(const std::vector<EchoEndpointConf
     return std::unique_ptr<EchoServer>(new EchoServer(std::move(impl)));
 }
 
+std::unique_ptr<EchoServer> EchoServer::startOnOnePort(
+    const std::function<std::vector<EchoEndpointConfig>(uint16_t port)>& endpointsOn, uint64_t seed,
+    uint16_t& port) {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        auto finder = start({EchoEndpointConfig{"127.0.0.1", 0, {}}});
+        if (!finder)
+            continue;
+        port = finder->endpoints()[0].port;
+        finder.reset();
+        if (auto server = start(endpointsOn(port), seed))
+            return server;
+    }
+    return nullptr;
+}
+
 void EchoServer::stop() {
     if (!impl_ || impl_->stopped.exchange(true))
         return;

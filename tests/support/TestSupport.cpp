@@ -28,22 +28,15 @@ EchoFaults delayed(double ms, double loss) {
 std::unique_ptr<EchoServer> echoesOnOnePort(const std::vector<EchoFaults>& faults,
                                             std::uint64_t seed, std::uint16_t& port,
                                             const std::string& host) {
-    // The port is free when probed; another program may still take it before the endpoints
-    // open, so a few ports are tried.
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        auto probe = EchoServer::start({EchoEndpointConfig{"127.0.0.1", 0, {}}});
-        if (!probe)
-            continue;
-        port = probe->endpoints()[0].port;
-        probe.reset();
-        std::vector<EchoEndpointConfig> endpoints;
-        for (std::size_t i = 0; i < faults.size(); ++i)
-            endpoints.push_back(
-                {host.empty() ? "127.0.0." + std::to_string(i + 1) : host, port, faults[i]});
-        if (auto server = EchoServer::start(endpoints, seed))
-            return server;
-    }
-    return nullptr;
+    return EchoServer::startOnOnePort(
+        [&](std::uint16_t chosen) {
+            std::vector<EchoEndpointConfig> endpoints;
+            for (std::size_t i = 0; i < faults.size(); ++i)
+                endpoints.push_back(
+                    {host.empty() ? "127.0.0." + std::to_string(i + 1) : host, chosen, faults[i]});
+            return endpoints;
+        },
+        seed, port);
 }
 
 bool waitFor(const std::function<bool()>& condition, double seconds) {

@@ -59,23 +59,21 @@ EchoFaults faultsOf(int i) {
 }
 
 std::unique_ptr<EchoServer> startEchoes(uint16_t& port) {
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        auto finder = EchoServer::start({EchoEndpointConfig{"127.0.0.1", 0, {}}});
-        if (!finder)
-            continue;
-        port = finder->endpoints()[0].port;
-        finder.reset();
-        std::vector<EchoEndpointConfig> endpoints;
-        for (int i = 1; i <= kSimulatedNodes; ++i)
-            endpoints.push_back({"127.0.0." + std::to_string(i), port, faultsOf(i)});
-        EchoFaults gameServer;
-        gameServer.delaySeconds = kGameServerDelaySeconds;
-        gameServer.jitterSeconds = 0.002;
-        endpoints.push_back({kGameServerHost, port, gameServer});
-        if (auto server = EchoServer::start(endpoints, 42))
-            return server;
-    }
-    throw Failure("cannot start the simulated nodes on loopback");
+    auto server = EchoServer::startOnOnePort(
+        [](uint16_t chosen) {
+            std::vector<EchoEndpointConfig> endpoints;
+            for (int i = 1; i <= kSimulatedNodes; ++i)
+                endpoints.push_back({"127.0.0." + std::to_string(i), chosen, faultsOf(i)});
+            EchoFaults gameServer;
+            gameServer.delaySeconds = kGameServerDelaySeconds;
+            gameServer.jitterSeconds = 0.002;
+            endpoints.push_back({kGameServerHost, chosen, gameServer});
+            return endpoints;
+        },
+        42, port);
+    if (!server)
+        throw Failure("cannot start the simulated nodes on loopback");
+    return server;
 }
 
 template <class R>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -44,6 +45,13 @@ class EchoServer {
     /// Opens every endpoint and starts answering; nullptr and `error` when one cannot be bound.
     static std::unique_ptr<EchoServer> start(const std::vector<EchoEndpointConfig>& endpoints,
                                              uint64_t seed = 1, Error* error = nullptr);
+    /// Opens the endpoints `endpointsOn` gives for one free port, all on that port (as nodes on
+    /// many addresses that share their echo port); `port` receives it. The port is free when
+    /// chosen, but another program may take it before the endpoints open, so a few are tried.
+    /// nullptr when none works.
+    static std::unique_ptr<EchoServer> startOnOnePort(
+        const std::function<std::vector<EchoEndpointConfig>(uint16_t port)>& endpointsOn,
+        uint64_t seed, uint16_t& port);
     ~EchoServer();
     EchoServer(const EchoServer&) = delete;
     EchoServer& operator=(const EchoServer&) = delete;
