@@ -2,9 +2,11 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/udp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <charconv>
@@ -41,8 +43,9 @@ struct EchoServer::Impl {
     struct Endpoint {
         EchoEndpointConfig config;
         int fd = -1;
-        int otherFd = -1;   // the "other port" for replies from elsewhere
-        bool plain = true;  // no fault at all: a batch is answered with one system call
+        int otherFd = -1;        // the "other port" for replies from elsewhere
+        bool plain = true;       // no fault at all: a batch is answered with one system call
+        bool sameForAll = true;  // no fault drawn or applied per datagram
         std::mt19937_64 random;
         struct Held {
             sockaddr_storage to;
@@ -78,18 +81,27 @@ struct EchoServer::Impl {
         }
     }
 
+    /// Sends `payload`; a message read whole (`segment` > 0) leaves whole, cut as it came.
     void transmit(Endpoint& endpoint, const sockaddr_storage& to, socklen_t length,
-                  const std::vector<uint8_t>& payload) {
+                  const std::vector<uint8_t>& payload, std::size_t segment = 0) {
         int fd = endpoint.config.faults.otherPort ? endpoint.otherFd : endpoint.fd;
-        if (::sendto(fd, payload.data(), payload.size(), 0, reinterpret_cast<const sockaddr*>(&to),
-                     length) >= 0) {
-            ++sent;
-        }
+        iovec vector{const_cast<uint8_t*>(payload.data()), payload.size()};
+        Control control;
+        msghdr header{};
+        header.msg_name = const_cast<sockaddr_storage*>(&to);
+        header.msg_namelen = length;
+        header.msg_iov = &vector;
+        header.msg_iovlen = 1;
+        header.msg_control = control.bytes;
+        const std::size_t datagrams = testbed::datagramsIn(payload.size(), segment);
+        testbed::setSegmentSize(header, datagrams > 1 ? segment : 0);
+        if (::sendmsg(fd, &header, 0) >= 0)
+            sent += datagrams;
     }
 
     /// Sends a reply now, applying the faults that shape what leaves.
     void reply(Endpoint& endpoint, const sockaddr_storage& to, socklen_t length,
-               std::vector<uint8_t> payload) {
+               std::vector<uint8_t> payload, std::size_t segment) {
         const auto& faults = endpoint.config.faults;
         if (faults.garbage) {
             for (auto& byte : payload)
@@ -108,15 +120,18 @@ struct EchoServer::Impl {
             transmit(endpoint, held.to, held.length, held.payload);
             return;
         }
-        transmit(endpoint, to, length, payload);
+        transmit(endpoint, to, length, payload, segment);
         if (faults.duplicate)
             transmit(endpoint, to, length, payload);
     }
 
-    /// Takes one request: the delay is measured from `arrived`, the moment the kernel took it in.
+    /// Takes one request, or the datagrams of a message read whole (`segment` > 0) on an endpoint
+    /// that treats every datagram alike: the delay is measured from `arrived`, the moment the
+    /// kernel took it in.
     void handle(size_t index, const sockaddr_storage& from, socklen_t length,
-                std::vector<uint8_t> payload, ServerLoop::Clock::time_point arrived) {
-        ++received;
+                std::vector<uint8_t> payload, ServerLoop::Clock::time_point arrived,
+                std::size_t segment = 0) {
+        received += testbed::datagramsIn(payload.size(), segment);
         auto& endpoint = endpoints[index];
         const auto& faults = endpoint.config.faults;
         for (int i = 0; i < faults.junkFlood; ++i) {
@@ -133,13 +148,13 @@ struct EchoServer::Impl {
         if (faults.jitterSeconds > 0)
             wait += faults.jitterSeconds * unit(endpoint.random);
         if (wait <= 0) {
-            reply(endpoint, from, length, std::move(payload));
+            reply(endpoint, from, length, std::move(payload), segment);
             return;
         }
         auto due = arrived + std::chrono::duration_cast<ServerLoop::Clock::duration>(
                                  std::chrono::duration<double>(wait));
-        loop->at(due, [this, index, from, length, payload = std::move(payload)]() mutable {
-            reply(endpoints[index], from, length, std::move(payload));
+        loop->at(due, [this, index, from, length, segment, payload = std::move(payload)]() mutable {
+            reply(endpoints[index], from, length, std::move(payload), segment);
         });
     }
 
@@ -153,8 +168,8 @@ struct EchoServer::Impl {
                 messages[i].msg_hdr.msg_iovlen = 1;
                 messages[i].msg_hdr.msg_name = &sources[i];
                 messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_storage);
-                messages[i].msg_hdr.msg_control = endpoint.plain ? nullptr : controls[i].bytes;
-                messages[i].msg_hdr.msg_controllen = endpoint.plain ? 0 : sizeof controls[i];
+                messages[i].msg_hdr.msg_control = controls[i].bytes;
+                messages[i].msg_hdr.msg_controllen = sizeof controls[i];
             }
             int count = recvmmsg(endpoint.fd, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
             if (count <= 0)
@@ -162,24 +177,47 @@ struct EchoServer::Impl {
             const testbed::ArrivalClock clock;
             if (endpoint.plain) {
                 // The whole batch goes back with one system call: the same buffers, addressed
-                // back to their senders.
-                for (int i = 0; i < count; ++i)
+                // back to their senders, a message read whole split again as it came.
+                std::array<std::size_t, kBatch> datagrams{};
+                for (int i = 0; i < count; ++i) {
+                    auto& header = messages[i].msg_hdr;
+                    const std::size_t segment = testbed::segmentSize(header);
                     vectors[i].iov_len = messages[i].msg_len;
-                received += count;
+                    datagrams[i] = testbed::datagramsIn(messages[i].msg_len, segment);
+                    received += datagrams[i];
+                    testbed::setSegmentSize(header, datagrams[i] > 1 ? segment : 0);
+                }
                 int done = 0;
                 while (done < count) {
                     int n = sendmmsg(endpoint.fd, messages.data() + done, count - done, 0);
                     if (n <= 0)
                         break;
+                    for (int i = done; i < done + n; ++i)
+                        sent += datagrams[i];
                     done += n;
                 }
-                sent += done;
             } else {
                 for (int i = 0; i < count; ++i) {
+                    const auto& header = messages[i].msg_hdr;
+                    const auto arrived = clock.arrival(header);
                     const auto* begin = static_cast<const uint8_t*>(vectors[i].iov_base);
-                    handle(index, sources[i], messages[i].msg_hdr.msg_namelen,
-                           std::vector<uint8_t>(begin, begin + messages[i].msg_len),
-                           clock.arrival(messages[i].msg_hdr));
+                    const std::size_t length = messages[i].msg_len;
+                    const std::size_t segment = testbed::segmentSize(header);
+                    if (endpoint.sameForAll && segment) {
+                        handle(index, sources[i], header.msg_namelen,
+                               std::vector<uint8_t>(begin, begin + length), arrived, segment);
+                        continue;
+                    }
+                    // Faults drawn per datagram: each datagram of a message read whole is a
+                    // request of its own.
+                    const std::size_t step = segment ? segment : std::max<std::size_t>(length, 1);
+                    std::size_t at = 0;
+                    do {
+                        const std::size_t size = std::min(step, length - at);
+                        handle(index, sources[i], header.msg_namelen,
+                               std::vector<uint8_t>(begin + at, begin + at + size), arrived);
+                        at += step;
+                    } while (at < length);
                 }
             }
             if (count < static_cast<int>(kBatch))
@@ -214,9 +252,10 @@ std::unique_ptr<EchoServer> EchoServer::start(const std::vector<EchoEndpointConf
         endpoint.config = endpoints[i];
         endpoint.random.seed(seed + i);
         const auto& faults = endpoint.config.faults;
-        endpoint.plain = !faults.garbage && !faults.reorder && !faults.duplicate &&
-                         !faults.otherPort && faults.loss <= 0 && faults.junkFlood == 0 &&
-                         faults.delaySeconds <= 0 && faults.jitterSeconds <= 0 &&
+        endpoint.sameForAll = !faults.garbage && !faults.reorder && !faults.duplicate &&
+                              faults.loss <= 0 && faults.junkFlood == 0 &&
+                              faults.jitterSeconds <= 0;
+        endpoint.plain = endpoint.sameForAll && !faults.otherPort && faults.delaySeconds <= 0 &&
                          faults.lateSeconds <= 0;
         socklen_t length = 0;
         auto address = testbed::makeAddress(endpoint.config.host, endpoint.config.port, length);
@@ -227,6 +266,7 @@ std::unique_ptr<EchoServer> EchoServer::start(const std::vector<EchoEndpointConf
         if (endpoint.fd < 0)
             return fail("cannot listen on " + where + ": " + reason);
         endpoint.config.port = testbed::boundPort(endpoint.fd);
+        testbed::takeSegmentedWhole(endpoint.fd);
         if (faults.otherPort) {
             auto other = testbed::makeAddress(endpoint.config.host, 0, length);
             endpoint.otherFd = testbed::openBound(*other, length, testbed::kBufferBytes, reason);

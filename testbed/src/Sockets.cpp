@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/udp.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -51,6 +52,38 @@ int openBound(const sockaddr_storage& address, socklen_t length, int bufferBytes
         return -1;
     }
     return fd;
+}
+
+bool takeSegmentedWhole(int fd) {
+    int on = 1;
+    return setsockopt(fd, IPPROTO_UDP, UDP_GRO, &on, sizeof on) == 0;
+}
+
+std::size_t segmentSize(const msghdr& header) {
+    for (const cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr;
+         c = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(c))) {
+        if (c->cmsg_level == SOL_UDP && c->cmsg_type == UDP_GRO) {
+            int size = 0;
+            std::memcpy(&size, CMSG_DATA(c), sizeof size);
+            return size > 0 ? static_cast<std::size_t>(size) : 0;
+        }
+    }
+    return 0;
+}
+
+void setSegmentSize(msghdr& header, std::size_t segment) {
+    if (segment == 0) {
+        header.msg_control = nullptr;
+        header.msg_controllen = 0;
+        return;
+    }
+    const auto size = static_cast<std::uint16_t>(segment);
+    header.msg_controllen = CMSG_SPACE(sizeof size);
+    cmsghdr* c = CMSG_FIRSTHDR(&header);
+    c->cmsg_level = SOL_UDP;
+    c->cmsg_type = UDP_SEGMENT;
+    c->cmsg_len = CMSG_LEN(sizeof size);
+    std::memcpy(CMSG_DATA(c), &size, sizeof size);
 }
 
 namespace {

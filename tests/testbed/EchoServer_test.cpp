@@ -197,6 +197,34 @@ TEST(EchoServer, EachReplyKeepsItsOwnDeadlineUnderLoad) {
     }
 }
 
+TEST(EchoServer, ProbesSentAsOneSegmentedMessageComeBackOneByOne) {
+    // The kit joins a server's back-to-back probes into one segmented message, which the server
+    // reads whole: answered at once, held, or with faults drawn per datagram, every probe still
+    // comes back as a datagram of its own, the shorter last one included.
+    auto plain = startOne("127.0.0.1:0");
+    auto held = startOne("127.0.0.1:0/delay=5");
+    auto duplicated = startOne("127.0.0.1:0/duplicate");
+    Prober prober;
+    const std::vector<std::string> texts{"seg-0", "seg-1", "seg-2", "seg-3", "s4"};
+    std::vector<OutgoingDatagram> batch;
+    for (const auto* server : {plain.get(), held.get(), duplicated.get()})
+        for (const auto& text : texts)
+            batch.push_back({text, "127.0.0.1", server->endpoints()[0].port, 0});
+    ASSERT_TRUE(prober.socket->sendDatagrams(batch));
+    ASSERT_TRUE(waitFor([&] { return prober.collector->count() == 4 * texts.size(); }));
+    std::map<uint16_t, std::multiset<std::string>> byServer;
+    for (const auto& reply : prober.collector->replies())
+        byServer[reply.from.port].insert(reply.text);
+    const std::multiset<std::string> once(texts.begin(), texts.end());
+    std::multiset<std::string> twice = once;
+    twice.insert(texts.begin(), texts.end());
+    EXPECT_EQ(byServer[plain->endpoints()[0].port], once);
+    EXPECT_EQ(byServer[held->endpoints()[0].port], once);
+    EXPECT_EQ(byServer[duplicated->endpoints()[0].port], twice);
+    EXPECT_EQ(plain->requestsReceived() + held->requestsReceived(), 2 * texts.size());
+    EXPECT_EQ(plain->repliesSent() + held->repliesSent(), 2 * texts.size());
+}
+
 TEST(EchoServer, EndpointTextIsCheckedBeforeAnythingOpens) {
     auto range = EchoServer::parseEndpoints("127.0.0.1:20000-20002/delay=5,loss=0.25,other-port");
     ASSERT_TRUE(range);
