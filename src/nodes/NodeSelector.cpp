@@ -9,7 +9,6 @@
 
 #include <fmt/format.h>
 
-#include <unordered_set>
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/foundation/UserDefaults.hpp"
 #include "lmkit/netinfo/IPAddressString.hpp"
@@ -377,27 +376,33 @@ void NodeSelector::start(const Nodes& nodes, std::shared_ptr<AccConfig> accConfi
 
 void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
                          std::shared_ptr<AccConfig> accConfig) {
-    keys_.clear();
+    entryIndex_.clear();
     entries_.clear();
+    // At most one entry per node: reserved once, the entries never move while the index views
+    // their keys.
+    entries_.reserve(nodes.size());
+    entryIndex_.reserve(nodes.size());
     scoringSettings_ = ScoringSettings::current();
     auto servers = std::make_shared<std::vector<std::string>>();
-    std::unordered_set<std::string> seen;
     long probePort = port();
     // Each key's delays are known in number: no growth on the reply path.
     const auto probes = static_cast<std::size_t>(std::max(sendPacketCount(), 1L));
+    std::string key;
     for (const auto& node : nodes) {
         if (!node)
             continue;
         std::string server = node->safePingServer();
-        std::string key = probe::constructKeyWithHost(server, probePort);
-        auto [it, inserted] = entries_.try_emplace(key);
-        if (inserted) {
-            keys_.push_back(key);
-            it->second.delays.reserve(probes);
+        probe::assignKeyWithHost(key, server, probePort);
+        KeyEntry* entry = entryForKey(key);
+        if (!entry) {
+            entry = &entries_.emplace_back();
+            entry->key = key;
+            entry->delays.reserve(probes);
+            entryIndex_.emplace(entry->key, entries_.size() - 1);
+            // One port for the whole run: a new key is a new server.
+            servers->push_back(std::move(server));
         }
-        it->second.nodes.push_back(node);
-        if (seen.insert(server).second)
-            servers->push_back(server);
+        entry->nodes.push_back(node);
     }
 
     std::string startLine;
@@ -419,7 +424,7 @@ void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
         computingStatus_ = kStatusIdle;
         repeatSendCount_ = sendPacketCount_;
         costTimeOfSendPackets_ = 0;
-        keyCount_ = keys_.size();
+        keyCount_ = entries_.size();
         uniquePingServers_ = servers;
 
         long n = static_cast<long>(servers->size());

@@ -43,9 +43,8 @@ void NodeSelector::finishRun(std::uint64_t generation) {
         probePort = port_ == 0 ? probe::kDefaultProbePort : port_;
     }
     Nodes all;
-    for (const auto& key : keys_)
-        for (const auto& node : entries_[key].nodes)
-            all.push_back(node);
+    for (const auto& entry : entries_)
+        all.insert(all.end(), entry.nodes.begin(), entry.nodes.end());
     sortAndLogNodes(all);
     std::optional<Number> gap;
     if (mode != kModeTestMultipath)
@@ -64,9 +63,7 @@ void NodeSelector::finishRun(std::uint64_t generation) {
     const KeyEntry* entry = nullptr;
     if (best) {
         bestKey = probe::constructKeyWithHost(best->safePingServer(), probePort);
-        auto found = entries_.find(bestKey);
-        if (found != entries_.end())
-            entry = &found->second;
+        entry = entryForKey(bestKey);
     }
     static const std::vector<double> kNoDelays;
     const auto& delays = entry ? entry->delays : kNoDelays;
@@ -99,7 +96,7 @@ void NodeSelector::finishRun(std::uint64_t generation) {
     log::info(fmt::format(
         "[NodeSelector] Finish, nodes:{}, ping servers:{}, best:{}, delay:{:.3f}ms, loss:{:.2f}, "
         "deviation:{:.2f}, late replies:{}, duplicate replies:{}, time:{:.1f}ms",
-        all.size(), keys_.size(), bestKey.empty() ? "(none)" : bestKey, *delay, loss, deviation,
+        all.size(), entries_.size(), bestKey.empty() ? "(none)" : bestKey, *delay, loss, deviation,
         lateReplies_.load(), duplicateReplies_.load(), elapsed * 1000));
 
     std::string configPing = config ? formatNumber(config->ping) : "null";
@@ -140,8 +137,8 @@ void NodeSelector::finishRun(std::uint64_t generation) {
 
 void NodeSelector::explainChoice(const Nodes& nodes, const std::shared_ptr<AccConfig>& config,
                                  long probePort, ChoiceTrace& trace) {
-    for (const auto& [key, entry] : entries_)
-        trace.deviations[key] = DelayStatistics::computeDeviationOfDelay(entry.delays);
+    for (const auto& entry : entries_)
+        trace.deviations[entry.key] = DelayStatistics::computeDeviationOfDelay(entry.delays);
     // Every term of every candidate and every draw: enough to replay a user's report.
     if (!log::isEnabled(log::kDebug))
         return;

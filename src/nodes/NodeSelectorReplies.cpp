@@ -62,11 +62,11 @@ void NodeSelector::didReceiveDatagrams(UdpSocket& socket, const std::vector<Data
         long expected = kStatusIdle;
         computingStatus_.compare_exchange_strong(expected, kStatusComputing);
         fromIPv6 = fromIPv6 || decision.fromIPv6;
-        std::string ipv6Key;
+        std::string ipv6Host;
         if (decision.fromIPv6 && decision.host != decision.sourceHost)
-            ipv6Key = probe::constructKeyWithHost(decision.sourceHost, decision.port);
-        replies.push_back({probe::constructKeyWithHost(decision.host, decision.port),
-                           decision.delay, std::move(ipv6Key)});
+            ipv6Host = std::move(decision.sourceHost);
+        replies.push_back(
+            {std::move(decision.host), decision.port, decision.delay, std::move(ipv6Host)});
     }
     if (fromIPv6) {
         std::lock_guard guard(mutex_);
@@ -89,7 +89,7 @@ void NodeSelector::computeDelay(double delay, const std::string& host, long port
         std::lock_guard guard(mutex_);
         generation = generation_;
     }
-    std::vector<Reply> replies{{probe::constructKeyWithHost(host, port), delay, {}}};
+    std::vector<Reply> replies{{host, port, delay, {}}};
     dataProcessQueue_.async([weak = weak_from_this(), generation, replies = std::move(replies)] {
         if (auto self = weak.lock())
             self->recordDelays(generation, replies);
@@ -104,32 +104,38 @@ void NodeSelector::recordDelays(std::uint64_t generation, const std::vector<Repl
             return;
         count = sendPacketCount_;
     }
+    std::string key;
     for (const auto& reply : replies) {
         // Once the run has reported, its nodes belong to the caller: late echoes change nothing.
         if (computingStatus_.load() == kStatusFinished) {
             lateReplies_.fetch_add(1);
             continue;
         }
-        auto found = entries_.find(reply.key);
-        if (found == entries_.end() && !reply.ipv6Key.empty())
-            found = entries_.find(reply.ipv6Key);
-        if (found == entries_.end())
+        probe::assignKeyWithHost(key, reply.host, reply.port);
+        KeyEntry* entry = entryForKey(key);
+        if (!entry && !reply.ipv6Host.empty()) {
+            probe::assignKeyWithHost(key, reply.ipv6Host, reply.port);
+            entry = entryForKey(key);
+        }
+        if (!entry)
             continue;
-        auto& entry = found->second;
-        if (static_cast<long>(entry.delays.size()) >= count)
+        if (static_cast<long>(entry->delays.size()) >= count)
             duplicateReplies_.fetch_add(1);
-        entry.delays.push_back(reply.delay);
-        ++entry.receivedCount;
-        if (static_cast<long>(entry.delays.size()) == count)
-            computeScoreOfObjectInDelayContainerWithKey(found->first, entry);
+        entry->delays.push_back(reply.delay);
+        ++entry->receivedCount;
+        if (static_cast<long>(entry->delays.size()) == count)
+            computeScoreOfObjectInDelayContainerWithKey(*entry);
     }
+}
+
+NodeSelector::KeyEntry* NodeSelector::entryForKey(std::string_view key) {
+    auto found = entryIndex_.find(key);
+    return found == entryIndex_.end() ? nullptr : &entries_[found->second];
 }
 
 // Scoring.
 
-void NodeSelector::computeScoreOfObjectInDelayContainerWithKey(const std::string& key,
-                                                               KeyEntry& entry) {
-    (void)key;
+void NodeSelector::computeScoreOfObjectInDelayContainerWithKey(KeyEntry& entry) {
     long delayMode, count;
     bool rear;
     std::shared_ptr<AccConfig> config;
@@ -230,28 +236,27 @@ void NodeSelector::packetReceiveTimeoutHandler(std::uint64_t generation) {
         return;
     // Keys still waiting for replies are scored first, so that the run completes exactly when
     // every key has a score; a complete key scored again would give the same values.
-    std::vector<std::string> order;
-    order.reserve(keys_.size());
-    for (const auto& key : keys_)
-        if (!entries_[key].scored)
-            order.push_back(key);
-    for (const auto& key : keys_)
-        if (entries_[key].scored)
-            order.push_back(key);
+    std::vector<KeyEntry*> order;
+    order.reserve(entries_.size());
+    for (auto& entry : entries_)
+        if (!entry.scored)
+            order.push_back(&entry);
+    for (auto& entry : entries_)
+        if (entry.scored)
+            order.push_back(&entry);
     long silent = 0;
-    for (const auto& key : order) {
+    for (KeyEntry* entry : order) {
         if (computingStatus_.load() == kStatusFinished)
             break;
-        auto& entry = entries_[key];
-        if (entry.receivedCount == 0) {
+        if (entry->receivedCount == 0) {
             ++silent;
-            log::debug("[NodeSelector] All packets lost node: " + key);
+            log::debug("[NodeSelector] All packets lost node: " + entry->key);
         }
-        computeScoreOfObjectInDelayContainerWithKey(key, entry);
+        computeScoreOfObjectInDelayContainerWithKey(*entry);
     }
     if (silent > 0)
-        log::info(
-            fmt::format("[NodeSelector] All packets lost nodes: {} of {}", silent, keys_.size()));
+        log::info(fmt::format("[NodeSelector] All packets lost nodes: {} of {}", silent,
+                              entries_.size()));
 }
 
 }  // namespace lmkit

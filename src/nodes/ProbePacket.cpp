@@ -10,12 +10,19 @@
 namespace lmkit::probe {
 
 std::string constructKeyWithHost(std::string_view host, long port) {
-    std::string key(host);
-    if (port != 0) {
-        key += ':';
-        key += std::to_string(port);
-    }
+    std::string key;
+    assignKeyWithHost(key, host, port);
     return key;
+}
+
+void assignKeyWithHost(std::string& key, std::string_view host, long port) {
+    key.assign(host);
+    if (port != 0) {
+        char digits[24];
+        auto end = std::to_chars(digits, digits + sizeof digits, port).ptr;
+        key += ':';
+        key.append(digits, end);
+    }
 }
 
 std::string makeProbePayload(std::string_view prefix, double firstPacketTimeStamp,

@@ -9,6 +9,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -200,6 +201,7 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
 
   private:
     struct KeyEntry {
+        std::string key;             // "host:port", as logs and traces show it
         Nodes nodes;                 // computeContainer[key]
         long receivedCount = 0;      // delayContainer[key]["receivedCount"]
         std::vector<double> delays;  // delayContainer[key]["delays"]
@@ -222,14 +224,17 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
                     const std::vector<OutgoingDatagram>& batch);
     void packetReceiveTimeoutHandler(std::uint64_t generation);
     struct Reply {
-        std::string key;
+        std::string host;
+        long port;
         double delay;
         // An IPv6 source is counted under the IPv4 address it embeds (a translated network);
         // a node probed at a native IPv6 address is counted under that address instead.
-        std::string ipv6Key;
+        std::string ipv6Host;
     };
     void recordDelays(std::uint64_t generation, const std::vector<Reply>& replies);
-    void computeScoreOfObjectInDelayContainerWithKey(const std::string& key, KeyEntry& entry);
+    void computeScoreOfObjectInDelayContainerWithKey(KeyEntry& entry);
+    /// The entry counted under `key`; nullptr for an address the run did not probe.
+    KeyEntry* entryForKey(std::string_view key);
     void finishRun(std::uint64_t generation);
     /// Adds each key's deviation to `trace` and, at debug level, logs every candidate's terms.
     void explainChoice(const Nodes& nodes, const std::shared_ptr<AccConfig>& config, long probePort,
@@ -297,8 +302,9 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
 
     // Data queue only.
     ScoringSettings scoringSettings_;  // read when the run is set up
-    std::vector<std::string> keys_;    // probe keys in node order
-    std::unordered_map<std::string, KeyEntry> entries_;
+    std::vector<KeyEntry> entries_;    // one per probe key, in node order; never reallocated
+                                       // during a run, so entryIndex_ can view their keys
+    std::unordered_map<std::string_view, std::size_t> entryIndex_;
 };
 
 }  // namespace lmkit

@@ -14,6 +14,8 @@ inline constexpr long kDefaultProbePort = 9999;
 /// Set-up builds it from a node's ping server and the replies from their source address, so
 /// both sides must produce identical text.
 std::string constructKeyWithHost(std::string_view host, long port);
+/// constructKeyWithHost into `key`, reusing its storage: the reply path builds one per echo.
+void assignKeyWithHost(std::string& key, std::string_view host, long port);
 
 /// The text of one probe: `prefix` followed by the decimal milliseconds elapsed since the run's
 /// first probe (`firstPacketTimeStamp`, milliseconds since 1970) at `nowMilliseconds`,
