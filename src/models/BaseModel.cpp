@@ -5,23 +5,32 @@
 namespace lmkit {
 
 const Json* BaseModel::valueOfOtherKind(std::string_view property) const {
-    if (otherKind_.empty())
+    if (!otherKind_)
         return nullptr;
-    auto it = otherKind_.find(property);
-    return it == otherKind_.end() ? nullptr : &it->second;
+    auto it = otherKind_->find(property);
+    return it == otherKind_->end() ? nullptr : &it->second;
+}
+
+const BaseModel::ValuesOfOtherKind& BaseModel::valuesOfOtherKind() const {
+    static const ValuesOfOtherKind kNone;
+    return otherKind_ ? *otherKind_ : kNone;
 }
 
 void BaseModel::holdValueOfOtherKind(std::string_view property, Json value) {
-    auto it = otherKind_.find(property);
-    if (it == otherKind_.end())
-        otherKind_.emplace(std::string(property), std::move(value));
+    if (!otherKind_)
+        otherKind_ = std::make_unique<ValuesOfOtherKind>();
+    auto it = otherKind_->find(property);
+    if (it == otherKind_->end())
+        otherKind_->emplace(std::string(property), std::move(value));
     else
         it->second = std::move(value);
 }
 
 void BaseModel::dropValueOfOtherKind(std::string_view property) {
-    if (auto it = otherKind_.find(property); it != otherKind_.end())
-        otherKind_.erase(it);
+    if (!otherKind_)
+        return;
+    if (auto it = otherKind_->find(property); it != otherKind_->end())
+        otherKind_->erase(it);
 }
 
 }  // namespace lmkit

@@ -1,14 +1,13 @@
 #include "lmkit/models/RegularExpression.hpp"
 
 #include <re2/re2.h>
-#include <unicode/uregex.h>
-#include <unicode/ustring.h>
 
 #include <atomic>
 #include <mutex>
 #include <vector>
 
 #include "lmkit/foundation/Log.hpp"
+#include "models/IcuLibrary.hpp"
 
 namespace lmkit {
 
@@ -16,7 +15,8 @@ namespace lmkit {
 namespace regex_detail {
 
 struct RegexCloser {
-    void operator()(URegularExpression* re) const { uregex_close(re); }
+    const IcuLibrary* icu = nullptr;
+    void operator()(URegularExpression* re) const { icu->uregex_close(re); }
 };
 using RegexHandle = std::unique_ptr<URegularExpression, RegexCloser>;
 
@@ -29,6 +29,7 @@ struct Matcher {
 
 }  // namespace regex_detail
 using regex_detail::Matcher;
+using regex_detail::RegexCloser;
 using regex_detail::RegexHandle;
 
 namespace {
@@ -93,8 +94,8 @@ bool isPlainText(std::string_view text) {
 
 class RegularExpression::Program {
   public:
-    Program(std::string pattern, RegexHandle compiled)
-        : pattern_(std::move(pattern)), compiled_(std::move(compiled)) {
+    Program(const IcuLibrary& icu, std::string pattern, RegexHandle compiled)
+        : icu_(icu), pattern_(std::move(pattern)), compiled_(std::move(compiled)) {
         if (isPlainPattern(pattern_)) {
             RE2::Options options;
             options.set_case_sensitive(false);
@@ -137,8 +138,8 @@ class RegularExpression::Program {
             }
         }
         UErrorCode status = U_ZERO_ERROR;
-        RegexHandle clone(uregex_clone(compiled_.get(), &status));
-        uregex_setTimeLimit(clone.get(), kMatchTimeLimitSteps, &status);
+        RegexHandle clone(icu_.uregex_clone(compiled_.get(), &status), RegexCloser{&icu_});
+        icu_.uregex_setTimeLimit(clone.get(), kMatchTimeLimitSteps, &status);
         if (U_FAILURE(status))
             return nullptr;
         return std::make_unique<Matcher>(Matcher{std::move(clone), {}});
@@ -161,22 +162,23 @@ class RegularExpression::Program {
         // byte is still checked against the rules.
         if (matcher.text.size() < text.size() + 1)
             matcher.text.resize(text.size() + 1);
-        u_strFromUTF8WithSub(reinterpret_cast<UChar*>(matcher.text.data()),
-                             static_cast<int32_t>(matcher.text.size()), &length, text.data(),
-                             static_cast<int32_t>(text.size()), 0xFFFD, nullptr, &status);
+        icu_.u_strFromUTF8WithSub(reinterpret_cast<UChar*>(matcher.text.data()),
+                                  static_cast<int32_t>(matcher.text.size()), &length, text.data(),
+                                  static_cast<int32_t>(text.size()), 0xFFFD, nullptr, &status);
         if (U_FAILURE(status))
             return false;
         // The matcher keeps a pointer into the buffer until the next text replaces it; ICU
         // never reads the old text when it does.
-        uregex_setText(matcher.regex.get(), reinterpret_cast<const UChar*>(matcher.text.data()),
-                       length, &status);
-        bool found = U_SUCCESS(status) && uregex_find(matcher.regex.get(), 0, &status);
+        icu_.uregex_setText(matcher.regex.get(),
+                            reinterpret_cast<const UChar*>(matcher.text.data()), length, &status);
+        bool found = U_SUCCESS(status) && icu_.uregex_find(matcher.regex.get(), 0, &status);
         if (status == U_REGEX_TIME_OUT || status == U_REGEX_STACK_OVERFLOW)
             log::warning("[RegularExpression] gave up matching \"" + pattern_ +
                          "\": the match took too long");
         return found && U_SUCCESS(status);
     }
 
+    const IcuLibrary& icu_;
     std::string pattern_;
     RegexHandle compiled_;
     std::unique_ptr<const RE2> plain_;  // the same rule for plain texts, when it is plain
@@ -186,23 +188,30 @@ class RegularExpression::Program {
 };
 
 std::optional<RegularExpression> RegularExpression::compile(std::string_view pattern) {
+    std::string missing;
+    const IcuLibrary* icu = IcuLibrary::load(missing);
+    if (!icu) {
+        log::warning("[RegularExpression] dropped \"" + std::string(pattern) + "\": " + missing);
+        return std::nullopt;
+    }
     UErrorCode status = U_ZERO_ERROR;
     std::u16string utf16(pattern.size() + 1, u'\0');
     int32_t length = 0;
-    u_strFromUTF8(reinterpret_cast<UChar*>(utf16.data()), static_cast<int32_t>(utf16.size()),
-                  &length, pattern.data(), static_cast<int32_t>(pattern.size()), &status);
+    icu->u_strFromUTF8(reinterpret_cast<UChar*>(utf16.data()), static_cast<int32_t>(utf16.size()),
+                       &length, pattern.data(), static_cast<int32_t>(pattern.size()), &status);
     UParseError where{};
-    RegexHandle compiled;
+    RegexHandle compiled(nullptr, RegexCloser{icu});
     if (U_SUCCESS(status))
-        compiled.reset(uregex_open(reinterpret_cast<const UChar*>(utf16.data()), length,
-                                   UREGEX_CASE_INSENSITIVE, &where, &status));
+        compiled.reset(icu->uregex_open(reinterpret_cast<const UChar*>(utf16.data()), length,
+                                        UREGEX_CASE_INSENSITIVE, &where, &status));
     if (U_FAILURE(status) || !compiled) {
         log::warning("[RegularExpression] dropped \"" + std::string(pattern) +
-                     "\": " + u_errorName(status));
+                     "\": " + icu->u_errorName(status));
         return std::nullopt;
     }
     RegularExpression expression;
-    expression.program_ = std::make_shared<Program>(std::string(pattern), std::move(compiled));
+    expression.program_ =
+        std::make_shared<Program>(*icu, std::string(pattern), std::move(compiled));
     return expression;
 }
 

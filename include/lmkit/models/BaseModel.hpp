@@ -71,6 +71,17 @@ struct Property;
 /// Root of every mapped record.
 class BaseModel {
   public:
+    using ValuesOfOtherKind = std::map<std::string, Json, std::less<>>;
+
+    BaseModel() = default;
+    BaseModel(const BaseModel& other) : otherKind_(copyOf(other.otherKind_)) {}
+    BaseModel& operator=(const BaseModel& other) {
+        if (this != &other)
+            otherKind_ = copyOf(other.otherKind_);
+        return *this;
+    }
+    BaseModel(BaseModel&&) noexcept = default;
+    BaseModel& operator=(BaseModel&&) noexcept = default;
     virtual ~BaseModel() = default;
 
     /// The record's JSON form (keys are the JSON key paths, values after reverse conversion), or
@@ -84,16 +95,25 @@ class BaseModel {
     /// (the text "1400" for a numeric property); nullptr when the property holds no such value.
     const Json* valueOfOtherKind(std::string_view property) const;
     /// Every property holding a value of another kind, by property name.
-    const std::map<std::string, Json, std::less<>>& valuesOfOtherKind() const { return otherKind_; }
+    const ValuesOfOtherKind& valuesOfOtherKind() const;
     /// Makes `property` hold `value` as it stands (decoding does this for a wrong-kind value).
     void holdValueOfOtherKind(std::string_view property, Json value);
     /// Setting a property through its typed member drops the value held for it.
     void dropValueOfOtherKind(std::string_view property);
 
-    bool operator==(const BaseModel& other) const { return otherKind_ == other.otherKind_; }
+    bool operator==(const BaseModel& other) const {
+        return valuesOfOtherKind() == other.valuesOfOtherKind();
+    }
 
   private:
-    std::map<std::string, Json, std::less<>> otherKind_;
+    // Made on the first such value: nearly every record has none, and a service answer holds
+    // tens of thousands of records.
+    std::unique_ptr<ValuesOfOtherKind> otherKind_;
+
+    static std::unique_ptr<ValuesOfOtherKind> copyOf(
+        const std::unique_ptr<ValuesOfOtherKind>& values) {
+        return values ? std::make_unique<ValuesOfOtherKind>(*values) : nullptr;
+    }
 };
 
 /// Base of a record type; supplies the empty table (a record without one maps nothing) and
