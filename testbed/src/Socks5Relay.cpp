@@ -136,8 +136,9 @@ struct Socks5Relay::Impl {
         for (const auto& key : idle) {
             log::info(fmt::format("{}association of {} idle for {:g} s: closed", kLogTag,
                                   describe(byClient[key].client), config.idleTimeoutSeconds));
-            ++expired;
+            // Counted once closed: whoever sees the count sees the association gone.
             close(key);
+            ++expired;
         }
         scheduleSweep();
     }
