@@ -1,7 +1,6 @@
 // Choosing the nodes a run hands back, and the result logs.
 #include <algorithm>
 #include <cmath>
-#include <map>
 #include <unordered_set>
 #include <utility>
 
@@ -80,20 +79,33 @@ NodeSelector::Nodes NodeSelector::chooseBestNodes(const Nodes& nodes, long mode,
         return sortedByScore(nodes);
 
     // Equal scores share a bucket, in walk order; unscored nodes earned nothing and stay out.
-    std::map<double, Nodes, std::greater<double>> buckets;
+    // Buckets are runs of one sorted list, best score first: no allocation per bucket.
+    std::vector<const std::shared_ptr<AccNode>*> scored;
+    scored.reserve(nodes.size());
     for (const auto& node : nodes) {
         if (!node)
             continue;
         double score = node->score();
         if (score == 0 || std::isnan(score))
             continue;
-        buckets[score].push_back(node);
+        scored.push_back(&node);
     }
+    std::stable_sort(scored.begin(), scored.end(),
+                     [](const auto* a, const auto* b) { return (*a)->score() > (*b)->score(); });
+    auto bucketEnd = [&](std::size_t begin) {
+        std::size_t end = begin + 1;
+        while (end < scored.size() && (*scored[end])->score() == (*scored[begin])->score())
+            ++end;
+        return end;
+    };
 
     Nodes result;
     OnePerAddress addresses;
-    if (buckets.size() == 1) {
-        Nodes bucket = buckets.begin()->second;
+    if (!scored.empty() && bucketEnd(0) == scored.size()) {
+        Nodes bucket;
+        bucket.reserve(scored.size());
+        for (const auto* node : scored)
+            bucket.push_back(*node);
         if (bucket.size() == 1) {
             result = bucket;
         } else {
@@ -103,14 +115,16 @@ NodeSelector::Nodes NodeSelector::chooseBestNodes(const Nodes& nodes, long mode,
                     result.push_back(node);
         }
     } else {
-        for (const auto& [score, bucket] : buckets) {
-            const std::size_t picked = bucket.size() == 1 ? 0 : draw(random, bucket.size());
-            const auto& pick = bucket[picked];
-            if (trace && bucket.size() > 1)
-                trace->draws.push_back(fmt::format("score {:.2f}: picked {} ({}) of {}", score,
-                                                   picked, nameOf(pick), bucket.size()));
+        for (std::size_t begin = 0; begin < scored.size();) {
+            const std::size_t end = bucketEnd(begin), size = end - begin;
+            const std::size_t picked = size == 1 ? 0 : draw(random, size);
+            const auto& pick = *scored[begin + picked];
+            if (trace && size > 1)
+                trace->draws.push_back(fmt::format("score {:.2f}: picked {} ({}) of {}",
+                                                   pick->score(), picked, nameOf(pick), size));
             if (addresses.admit(pick->ip))
                 result.push_back(pick);
+            begin = end;
         }
     }
 
