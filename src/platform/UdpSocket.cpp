@@ -36,7 +36,12 @@ namespace udp_socket_detail {
 
 /// A destination in socket-address form.
 struct Destination {
-    sockaddr_storage storage{};
+    // IPv4 or IPv6 only: a burst holds one per probe, and sockaddr_storage would be 128 bytes.
+    union Address {
+        sockaddr any;
+        sockaddr_in in;
+        sockaddr_in6 in6;
+    } storage{};
     socklen_t length = 0;
     int family = 0;
 };
@@ -634,7 +639,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
             const auto& message = messages[m];
             auto& header = headers[m].msg_hdr;
             header = {};
-            header.msg_name = const_cast<sockaddr_storage*>(&targets[message.first]->storage);
+            header.msg_name = const_cast<Destination::Address*>(&targets[message.first]->storage);
             header.msg_namelen = targets[message.first]->length;
             header.msg_iov = &vectors[message.first];
             header.msg_iovlen = message.count;
