@@ -74,7 +74,7 @@ NodeSelector::Nodes NodeSelector::chooseBestNodes(const Nodes& nodes, long mode,
                                                   const std::optional<Number>& scoreRangeGap,
                                                   std::mt19937_64& random, ChoiceTrace* trace) {
     if (trace)
-        *trace = ChoiceTrace{scoreRangeGap, {}, {}};
+        *trace = ChoiceTrace{scoreRangeGap, {}};
     if (mode == kModeTestMultipath)
         return sortedByScore(nodes);
 

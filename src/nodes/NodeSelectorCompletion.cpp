@@ -137,8 +137,6 @@ void NodeSelector::finishRun(std::uint64_t generation) {
 
 void NodeSelector::explainChoice(const Nodes& nodes, const std::shared_ptr<AccConfig>& config,
                                  long probePort, ChoiceTrace& trace) {
-    for (const auto& entry : entries_)
-        trace.deviations[entry.key] = DelayStatistics::computeDeviationOfDelay(entry.delays);
     // Every term of every candidate and every draw: enough to replay a user's report.
     if (!log::isEnabled(log::kDebug))
         return;
@@ -148,7 +146,7 @@ void NodeSelector::explainChoice(const Nodes& nodes, const std::shared_ptr<AccCo
         text += fmt::format(
             "{}: delay {:.3f} ms, loss {:.2f}, deviation {:.2f}; delay score {:.2f}, loss score "
             "{:.2f}, load score {:.2f}, isp score {:.2f}, total {:.2f}\n",
-            key, node->delay, node->loss, trace.deviations[key], node->delayScore, node->lossScore,
+            key, node->delay, node->loss, node->deviation, node->delayScore, node->lossScore,
             node->loadScore, node->ispScore, node->score());
     }
     if (config)

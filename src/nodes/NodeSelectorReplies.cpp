@@ -157,6 +157,7 @@ void NodeSelector::computeScoreOfObjectInDelayContainerWithKey(KeyEntry& entry) 
     const double minimum = DelayStatistics::minOfNumbers(entry.delays).value_or(0);
     const double maximum = DelayStatistics::maxOfNumbers(entry.delays);
     const double average = DelayStatistics::calculateAverageOfNumbers(entry.delays);
+    const double deviation = DelayStatistics::computeDeviationOfDelay(entry.delays);
     for (const auto& node : entry.nodes) {
         double scored = *d;
         if (rear) {
@@ -173,6 +174,7 @@ void NodeSelector::computeScoreOfObjectInDelayContainerWithKey(KeyEntry& entry) 
         node->minDelay = minimum;
         node->maxDelay = maximum;
         node->avgDelay = average;
+        node->deviation = deviation;
         node->loss = static_cast<double>(loss);
     }
     entry.scored = true;

@@ -216,12 +216,6 @@ nlohmann::ordered_json summaryJson(const NodeRunResult& result) {
     return out;
 }
 
-double deviationOf(const NodeRunResult& result, const AccNode& node) {
-    auto found = result.trace->deviations.find(
-        NodeSelector::constructKeyWithHost(node.safePingServer(), result.port));
-    return found == result.trace->deviations.end() ? 0 : found->second;
-}
-
 nlohmann::ordered_json numberJson(const std::optional<Number>& value) {
     return value ? nlohmann::ordered_json(value->doubleValue()) : nlohmann::ordered_json();
 }
@@ -262,7 +256,7 @@ void printNodeResultJson(const NodeRunResult& result, bool explain) {
         std::fputs(first ? "\n    " : ",\n    ", stdout);
         auto json = nodeJson(*node);
         if (explain)
-            json["deviation"] = deviationOf(result, *node);
+            json["deviation"] = node->deviation;
         std::fputs(json.dump().c_str(), stdout);
         first = false;
     }
@@ -282,7 +276,7 @@ void printExplanation(const NodeRunResult& result) {
     for (const auto& node : rankedNodes(result)) {
         std::printf("%-22s %9.3f %5.0f%% %9.2f %8.2f %8.2f %8.2f %8.2f %8.2f\n",
                     NodeSelector::constructKeyWithHost(node->safePingServer(), result.port).c_str(),
-                    node->delay, node->loss * 100, deviationOf(result, *node), node->delayScore,
+                    node->delay, node->loss * 100, node->deviation, node->delayScore,
                     node->lossScore, node->loadScore, node->ispScore, node->score());
     }
     auto weights = explanationJson(result)["weights"];

@@ -98,9 +98,7 @@ WatchRound measure(const std::map<long, NodeSelector::Nodes>& byPort,
                 sample.maxMs = node->maxDelay;
                 sample.loss = node->loss;
                 sample.score = node->score();
-                auto deviation = result.trace->deviations.find(sample.node);
-                if (deviation != result.trace->deviations.end())
-                    sample.deviationMs = deviation->second;
+                sample.deviationMs = node->deviation;
             } else {
                 sample.loss = 1;
             }

@@ -44,6 +44,7 @@ class AccNode : public Model<AccNode> {
     double minDelay = 0;
     double maxDelay = 0;
     double avgDelay = 0;
+    double deviation = 0;  // of the delays, ms (9999 when one of them is 0); explains the score
 
     /// Sum of the four partial scores.
     double score() const { return delayScore + lossScore + loadScore + ispScore; }

@@ -177,8 +177,6 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     struct ChoiceTrace {
         std::optional<Number> scoreRangeGap;
         std::vector<std::string> draws;
-        /// The deviation of each probe key's delays (the scores do not use it; it explains them).
-        std::unordered_map<std::string, double> deviations;
     };
 
     /// The nodes to hand back, best first: every node by score in multipath mode; otherwise one
@@ -194,7 +192,7 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     /// Makes the draws of the runs' choices repeatable; none (the default) seeds each run afresh.
     void setRandomSeed(std::optional<std::uint64_t> seed);
     /// The trace of the last run's choice (empty before one completes), shared rather than
-    /// copied: at thousands of nodes its deviations take a megabyte.
+    /// copied: a run over thousands of near-equal nodes draws thousands of times.
     std::shared_ptr<const ChoiceTrace> lastChoiceTrace() const;
     static void sortAndLogNodes(const Nodes& nodes);
     static void logBestNodes(const Nodes& nodes, std::size_t logCount, bool markPrefix);
@@ -236,7 +234,7 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     /// The entry counted under `key`; nullptr for an address the run did not probe.
     KeyEntry* entryForKey(std::string_view key);
     void finishRun(std::uint64_t generation);
-    /// Adds each key's deviation to `trace` and, at debug level, logs every candidate's terms.
+    /// At debug level, logs every candidate's terms and the draws of `trace`.
     void explainChoice(const Nodes& nodes, const std::shared_ptr<AccConfig>& config, long probePort,
                        ChoiceTrace& trace);
     void callFailureBlockIfNeeded();
