@@ -156,6 +156,21 @@ TEST(UdpSocket, BurstArrivesCompleteAndInOrderAsSeparateEvents) {
     for (int i = 0; i < kCount; ++i)
         ASSERT_EQ(received[kCount + i].text, batch[i].payload);
 
+    // Datagrams past a read slot's first part continue in its second, up to the largest.
+    std::vector<std::string> longer;
+    for (std::size_t size :
+         {std::size_t{511}, std::size_t{512}, std::size_t{513}, UdpSocket::kMaxDatagramBytes}) {
+        std::string text(size, ' ');
+        for (std::size_t j = 0; j < size; ++j)
+            text[j] = static_cast<char>('a' + (j * 7 + size) % 26);
+        sender.socket->sendData(text, "127.0.0.1", receiver.socket->localPort(), 0);
+        longer.push_back(text);
+    }
+    ASSERT_TRUE(waitFor([&] { return receiver.recorder->received().size() == 2 * kCount + 4; }));
+    received = receiver.recorder->received();
+    for (std::size_t i = 0; i < longer.size(); ++i)
+        EXPECT_EQ(received[2 * kCount + i].text, longer[i]) << longer[i].size() << " bytes";
+
     // A path that refuses split messages (here: no UDP checksums) gets the datagrams one by one.
     int on = 1;
     ASSERT_EQ(setsockopt(sender.socket->socketFD(), SOL_SOCKET, SO_NO_CHECK, &on, sizeof on), 0);
@@ -163,7 +178,7 @@ TEST(UdpSocket, BurstArrivesCompleteAndInOrderAsSeparateEvents) {
     for (auto& datagram : batch)
         datagram.payload = "same size";
     sender.socket->sendDatagrams(batch);
-    ASSERT_TRUE(waitFor([&] { return receiver.recorder->received().size() == 2 * kCount + 100; }))
+    ASSERT_TRUE(waitFor([&] { return receiver.recorder->received().size() == 2 * kCount + 104; }))
         << "received " << receiver.recorder->received().size();
     EXPECT_EQ(receiver.recorder->received().back().text, "same size");
     EXPECT_TRUE(sender.recorder->notSent().empty());
