@@ -13,7 +13,7 @@
 
 using namespace lmkit;
 
-TEST(UnfairLock, ExcludesOtherThreadsAndTryLockReportsIt) {
+TEST(UnfairLock, ExcludesOtherThreadsReturnsTheBodysResultAndTryLockReportsIt) {
     UnfairLock lock;
     long counter = 0;
     std::vector<std::thread> threads;
@@ -26,6 +26,7 @@ TEST(UnfairLock, ExcludesOtherThreadsAndTryLockReportsIt) {
     for (auto& thread : threads)
         thread.join();
     EXPECT_EQ(counter, 80000);
+    EXPECT_EQ(lock.execute([] { return std::string("node"); }), "node");
 
     lock.lock();
     bool takenElsewhere = true;
@@ -38,12 +39,6 @@ TEST(UnfairLock, ExcludesOtherThreadsAndTryLockReportsIt) {
             lock.unlock();
     }).join();
     EXPECT_TRUE(takenElsewhere);
-}
-
-TEST(UnfairLock, ExecuteReturnsTheBodysResult) {
-    UnfairLock lock;
-    std::string text = lock.execute([] { return std::string("node"); });
-    EXPECT_EQ(text, "node");
 }
 
 TEST(UnfairLock, TryExecuteRethrowsTheSameErrorAfterUnlocking) {
