@@ -152,23 +152,14 @@ TEST_F(BoostEffectItemTest, PeriodStatisticsCapAt400AndKeepARunningAverage) {
 }
 
 TEST(BoostEffectSummary, SummariesAndEncoding) {
-    auto lost = Item::calculateWithDelays({-1, -1});
-    EXPECT_EQ(lost.maximum, -1.0);
-    EXPECT_EQ(lost.minimum, -1.0);
-    EXPECT_EQ(lost.average, -1.0);
-    EXPECT_EQ(lost.deviation, 0.0);
-    EXPECT_EQ(lost.loss, 1.0);
-
-    auto mixed = Item::calculateWithDelays({100, 200, -1});
-    EXPECT_EQ(mixed.maximum, 200.0);
-    EXPECT_EQ(mixed.minimum, 100.0);
-    EXPECT_EQ(mixed.average, 150.0);
-    EXPECT_DOUBLE_EQ(mixed.deviation, 50.0);
-    EXPECT_DOUBLE_EQ(mixed.loss, 1.0 / 3);
-
-    auto none = Item::calculateWithDelays({});
-    EXPECT_EQ(none.average, -1.0);
-    EXPECT_EQ(none.loss, 0.0);
+    // Maximum, minimum, average, deviation and loss of the answered samples.
+    auto summary = [](const std::vector<double>& delays) {
+        auto s = Item::calculateWithDelays(delays);
+        return std::vector<double>{s.maximum, s.minimum, s.average, s.deviation, s.loss};
+    };
+    EXPECT_EQ(summary({-1, -1}), (std::vector<double>{-1, -1, -1, 0, 1}));
+    EXPECT_EQ(summary({100, 200, -1}), (std::vector<double>{200, 100, 150, 50, 1.0 / 3}));
+    EXPECT_EQ(summary({}), (std::vector<double>{-1, -1, -1, 0, 0}));
 
     EXPECT_EQ(Item::encodeDelaysAsIntegerStringWithDelays({}), "[]");
     EXPECT_EQ(Item::encodeDelaysAsIntegerStringWithDelays({12.7, -1, 300}), "[12, -1, 300]");
