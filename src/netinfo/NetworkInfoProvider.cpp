@@ -114,11 +114,12 @@ void NetworkInfoProvider::reachabilityChanged(int status) {
         default:
             break;
     }
-    nlohmann::ordered_json userInfo = {{kCurrentNetworkTypeKey, type},
-                                       {kLastNetworkTypeKey, lastNetworkType_.load()}};
+    // This change's type is the next one's last, taken before observers hear of it: one that
+    // reacts by changing the network again must not find its own change counted as "last".
+    // Changes arrive one by one on the notifier queue, so each is posted in turn.
+    const int last = lastNetworkType_.exchange(type);
+    nlohmann::ordered_json userInfo = {{kCurrentNetworkTypeKey, type}, {kLastNetworkTypeKey, last}};
     center_->post(kNetworkStatusDidChangeNotification, userInfo);
-    // Recomputed rather than the posted value, so a change that raced the post is not lost.
-    lastNetworkType_ = checkCurrentNetworkType();
 }
 
 int NetworkInfoProvider::checkCurrentNetworkType() const {
