@@ -93,8 +93,7 @@ struct EchoServer::Impl {
         header.msg_iov = &vector;
         header.msg_iovlen = 1;
         header.msg_control = control.bytes;
-        const std::size_t datagrams = testbed::datagramsIn(payload.size(), segment);
-        testbed::setSegmentSize(header, datagrams > 1 ? segment : 0);
+        const std::size_t datagrams = testbed::cutIntoSegments(header, payload.size(), segment);
         if (::sendmsg(fd, &header, 0) >= 0)
             sent += datagrams;
     }
@@ -181,11 +180,10 @@ struct EchoServer::Impl {
                 std::array<std::size_t, kBatch> datagrams{};
                 for (int i = 0; i < count; ++i) {
                     auto& header = messages[i].msg_hdr;
-                    const std::size_t segment = testbed::segmentSize(header);
                     vectors[i].iov_len = messages[i].msg_len;
-                    datagrams[i] = testbed::datagramsIn(messages[i].msg_len, segment);
+                    datagrams[i] = testbed::cutIntoSegments(header, messages[i].msg_len,
+                                                            testbed::segmentSize(header));
                     received += datagrams[i];
-                    testbed::setSegmentSize(header, datagrams[i] > 1 ? segment : 0);
                 }
                 int done = 0;
                 while (done < count) {

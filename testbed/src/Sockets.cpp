@@ -71,11 +71,12 @@ std::size_t segmentSize(const msghdr& header) {
     return 0;
 }
 
-void setSegmentSize(msghdr& header, std::size_t segment) {
-    if (segment == 0) {
+std::size_t cutIntoSegments(msghdr& header, std::size_t length, std::size_t segment) {
+    const std::size_t datagrams = datagramsIn(length, segment);
+    if (datagrams == 1) {
         header.msg_control = nullptr;
         header.msg_controllen = 0;
-        return;
+        return 1;
     }
     const auto size = static_cast<std::uint16_t>(segment);
     header.msg_controllen = CMSG_SPACE(sizeof size);
@@ -84,6 +85,7 @@ void setSegmentSize(msghdr& header, std::size_t segment) {
     c->cmsg_type = UDP_SEGMENT;
     c->cmsg_len = CMSG_LEN(sizeof size);
     std::memcpy(CMSG_DATA(c), &size, sizeof size);
+    return datagrams;
 }
 
 namespace {

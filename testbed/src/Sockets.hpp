@@ -43,9 +43,10 @@ inline std::size_t datagramsIn(std::size_t length, std::size_t segment) {
     return segment && length > segment ? (length + segment - 1) / segment : 1;
 }
 
-/// Makes `header` (whose msg_control has kArrivalControlBytes of room) leave as datagrams of
-/// `segment` bytes, the last one shorter (UDP_SEGMENT), or as one datagram for a segment of 0.
-void setSegmentSize(msghdr& header, std::size_t segment);
+/// Makes `header` (whose msg_control has kArrivalControlBytes of room), carrying `length` bytes,
+/// leave as datagrams of `segment` bytes, the last one shorter (UDP_SEGMENT), or as one datagram
+/// when it holds no more than one segment (or `segment` is 0). Gives the number of datagrams.
+std::size_t cutIntoSegments(msghdr& header, std::size_t length, std::size_t segment);
 
 /// When the kernel took in each datagram of one read, on the steady clock. A server that times a
 /// reply from this instant does not count its own wake-up as part of the delay it injects.
