@@ -8,11 +8,10 @@
 #include "lmkit/foundation/AppMTLDefault.hpp"
 #include "lmkit/foundation/KeyedArchiver.hpp"
 #include "lmkit/foundation/UserDefault.hpp"
-#include "lmkit/platform/AppGroup.hpp"
-#include "support/TestSupport.hpp"
+#include "support/AppGroupTest.hpp"
 
 using namespace lmkit;
-using lmkit::testing::TempDir;
+using lmkit::testing::waitForWrites;
 
 namespace {
 
@@ -47,21 +46,7 @@ std::string text(const std::optional<DefaultsData>& data) {
     return data ? std::string(data->begin(), data->end()) : "<none>";
 }
 
-void waitForWrites() {
-    defaultsWriteQueue().sync([] {});
-}
-
-class WrappersTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        AppGroup::setContainerDirectoryForTesting(dir_.path());
-        defaults_ = UserDefaults::suite();
-    }
-    void TearDown() override { AppGroup::setContainerDirectoryForTesting({}); }
-
-    TempDir dir_;
-    std::shared_ptr<UserDefaults> defaults_;
-};
+using WrappersTest = lmkit::testing::AppGroupTest;
 
 // The child of the exit test: queues many AppDefault writes into the container given in
 // LMKIT_APPDEFAULT_EXIT_CHILD, then leaves through exit() as a return from main does. It runs
@@ -84,13 +69,11 @@ class ExitChild : public ::testing::Environment {
 }  // namespace
 
 TEST(AppDefaultExit, QueuedWritesAreOnDiskAfterANormalExit) {
-    TempDir dir;
+    lmkit::testing::TempContainer dir;
     auto child = lmkit::testing::spawnSelf("LMKIT_APPDEFAULT_EXIT_CHILD", dir.path().string());
     ASSERT_GT(child, 0);
     ASSERT_EQ(lmkit::testing::waitExit(child), 0);
-    AppGroup::setContainerDirectoryForTesting(dir.path());
     auto defaults = UserDefaults::open(kAppGroupIdentifier);
-    AppGroup::setContainerDirectoryForTesting({});
     ASSERT_TRUE(defaults);
     for (int i = 0; i < 300; ++i)
         EXPECT_TRUE(defaults->dataForKey("LMExitKey" + std::to_string(i))) << i;

@@ -18,11 +18,9 @@
 #include <sqlite3.h>
 
 #include "lmkit/foundation/Log.hpp"
-#include "lmkit/platform/AppGroup.hpp"
-#include "support/TestSupport.hpp"
+#include "support/AppGroupTest.hpp"
 
 using namespace lmkit;
-using lmkit::testing::TempDir;
 
 namespace {
 
@@ -74,9 +72,6 @@ using lmkit::testing::waitExit;
 
 class UserDefaultsTest : public ::testing::Test {
   protected:
-    void SetUp() override { AppGroup::setContainerDirectoryForTesting(dir_.path()); }
-    void TearDown() override { AppGroup::setContainerDirectoryForTesting({}); }
-
     std::shared_ptr<UserDefaults> openSuite(const std::string& name = "group.test") {
         std::optional<Error> error;
         auto defaults = UserDefaults::open(name, &error);
@@ -84,7 +79,7 @@ class UserDefaultsTest : public ::testing::Test {
         return defaults;
     }
 
-    TempDir dir_;
+    lmkit::testing::TempContainer dir_;
 };
 
 }  // namespace

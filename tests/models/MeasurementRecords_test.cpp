@@ -9,9 +9,8 @@
 #include "lmkit/models/SpeedometerResult.hpp"
 #include "lmkit/models/UnstableNetworkConfig.hpp"
 #include "lmkit/models/VPNMessageDelayQuery.hpp"
-#include "lmkit/platform/AppGroup.hpp"
+#include "support/AppGroupTest.hpp"
 #include "support/RecordDecoding.hpp"
-#include "support/TestSupport.hpp"
 
 namespace lmkit {
 namespace {
@@ -148,8 +147,7 @@ TEST(SpeedometerResult, CodingRulesOfTheFields) {
 }
 
 TEST(SpeedometerResult, ResultsFileAppendsInOrderAndKeepsItWhenAWriteIsRefused) {
-    testing::TempDir dir;
-    AppGroup::setContainerDirectoryForTesting(dir.path());
+    testing::TempContainer dir;
     log::Capture capture;
 
     EXPECT_TRUE(SpeedometerResult::results().empty());
@@ -183,7 +181,6 @@ TEST(SpeedometerResult, ResultsFileAppendsInOrderAndKeepsItWhenAWriteIsRefused) 
         damaged << "[{\"seq\":1}";
     }
     EXPECT_TRUE(SpeedometerResult::results().empty());
-    AppGroup::setContainerDirectoryForTesting({});
 }
 
 }  // namespace

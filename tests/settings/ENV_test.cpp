@@ -7,12 +7,13 @@
 #include "lmkit/platform/AppGroup.hpp"
 #include "lmkit/settings/PropertyStore.hpp"
 #include "settings/DeploymentSettings.hpp"
-#include "support/TestSupport.hpp"
+#include "support/AppGroupTest.hpp"
 
 using namespace lmkit;
 using lmkit::settings_detail::builtInDeploymentSettings;
 using lmkit::settings_detail::loadDeploymentSettings;
 using lmkit::testing::TempDir;
+using lmkit::testing::waitForWrites;
 
 namespace {
 
@@ -27,9 +28,6 @@ class ENVTest : public ::testing::Test {
     }
     void TearDown() override { AppGroup::setContainerDirectoryForTesting({}); }
 
-    static void waitForWrites() {
-        defaultsWriteQueue().sync([] {});
-    }
     static void storeAPIHost(std::optional<std::string> api, std::optional<std::string> feedback) {
         auto host = std::make_shared<APIHost>();
         host->api = std::move(api);

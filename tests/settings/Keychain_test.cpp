@@ -9,15 +9,13 @@
 
 #include <gtest/gtest.h>
 
-#include "lmkit/platform/AppGroup.hpp"
-#include "support/TestSupport.hpp"
+#include "support/AppGroupTest.hpp"
 
 using namespace lmkit;
 using lmkit::testing::TempDir;
 
 TEST(Keychain, ItemsPersistOwnerOnlyAndAreSharedBetweenInstances) {
-    TempDir dir;
-    AppGroup::setContainerDirectoryForTesting(dir.path());
+    lmkit::testing::TempContainer dir;
     Keychain app("group.test");
     Keychain tunnel("group.test");
     EXPECT_EQ(app.path(), dir.path() / "Keychain" / "group.test.keychain");
@@ -33,7 +31,6 @@ TEST(Keychain, ItemsPersistOwnerOnlyAndAreSharedBetweenInstances) {
     ASSERT_TRUE(tunnel.removeItem("LumoBoosterUUIDKey"));
     EXPECT_FALSE(app.stringForKey("LumoBoosterUUIDKey"));
     EXPECT_EQ(app.stringForKey("second"), "other");
-    AppGroup::setContainerDirectoryForTesting({});
 }
 
 TEST(Keychain, ConcurrentWritersKeepEveryItem) {

@@ -4,13 +4,11 @@
 
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/models/AccNode.hpp"
-#include "lmkit/platform/AppGroup.hpp"
 #include "lmkit/platform/NotificationCenter.hpp"
 #include "lmkit/settings/ENV.hpp"
-#include "support/TestSupport.hpp"
+#include "support/AppGroupTest.hpp"
 
 using namespace lmkit;
-using lmkit::testing::TempDir;
 
 namespace {
 
@@ -50,17 +48,7 @@ class Posts {
     std::vector<std::string> seen_;
 };
 
-class ObjectPropertyStoreTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        AppGroup::setContainerDirectoryForTesting(dir_.path());
-        defaults_ = UserDefaults::suite();
-    }
-    void TearDown() override { AppGroup::setContainerDirectoryForTesting({}); }
-
-    TempDir dir_;
-    std::shared_ptr<UserDefaults> defaults_;
-};
+using ObjectPropertyStoreTest = lmkit::testing::AppGroupTest;
 
 }  // namespace
 

@@ -6,37 +6,24 @@
 
 #include "lmkit/foundation/DataCrypto.hpp"
 #include "lmkit/foundation/Log.hpp"
-#include "lmkit/platform/AppGroup.hpp"
-#include "support/TestSupport.hpp"
+#include "support/AppGroupTest.hpp"
 
 using namespace lmkit;
-using lmkit::testing::TempDir;
+using lmkit::testing::waitForWrites;
 
 namespace {
 
 constexpr const char* kDeviceID = "6F1C2D3E-0000-4ABC-8DEF-123456789ABC";
-
-void waitForWrites() {
-    defaultsWriteQueue().sync([] {});
-}
 
 std::string storedText(const std::shared_ptr<UserDefaults>& defaults, const std::string& key) {
     auto data = defaults->dataForKey(key);
     return data ? std::string(data->begin(), data->end()) : "<none>";
 }
 
-class PropertyStoreTest : public ::testing::Test {
+class PropertyStoreTest : public lmkit::testing::AppGroupTest {
   protected:
-    void SetUp() override {
-        AppGroup::setContainerDirectoryForTesting(dir_.path());
-        defaults_ = UserDefaults::suite();
-        store_ = std::make_unique<PropertyStore>(defaults_, [] { return kDeviceID; });
-    }
-    void TearDown() override { AppGroup::setContainerDirectoryForTesting({}); }
-
-    TempDir dir_;
-    std::shared_ptr<UserDefaults> defaults_;
-    std::unique_ptr<PropertyStore> store_;
+    std::unique_ptr<PropertyStore> store_ =
+        std::make_unique<PropertyStore>(defaults_, [] { return kDeviceID; });
 };
 
 }  // namespace

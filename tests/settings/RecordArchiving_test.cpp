@@ -6,11 +6,9 @@
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/models/AccRoute.hpp"
 #include "lmkit/models/HostsConfig.hpp"
-#include "lmkit/platform/AppGroup.hpp"
-#include "support/TestSupport.hpp"
+#include "support/AppGroupTest.hpp"
 
 using namespace lmkit;
-using lmkit::testing::TempDir;
 
 namespace {
 std::shared_ptr<AccRoute> route(const char* ip) {
@@ -20,16 +18,14 @@ std::shared_ptr<AccRoute> route(const char* ip) {
     record->isVPN = true;
     return record;
 }
+using RecordArchiving = lmkit::testing::AppGroupTest;
 }  // namespace
 
-TEST(RecordArchiving, MappedRecordsPlugIntoAppMTLDefaultAndTheArchiver) {
-    TempDir dir;
-    AppGroup::setContainerDirectoryForTesting(dir.path());
-    auto defaults = UserDefaults::suite();
+TEST_F(RecordArchiving, MappedRecordsPlugIntoAppMTLDefaultAndTheArchiver) {
     AppMTLDefault<AccRoute> setting("LMAPIHostKey");
     setting.set(route("10.1.2.0"));
-    defaultsWriteQueue().sync([] {});
-    auto stored = defaults->dataForKey("LMAPIHostKey");
+    lmkit::testing::waitForWrites();
+    auto stored = defaults_->dataForKey("LMAPIHostKey");
     ASSERT_TRUE(stored);
     auto json = Json::parse(stored->begin(), stored->end());
     EXPECT_EQ(json["ip"], "10.1.2.0");
@@ -49,9 +45,8 @@ TEST(RecordArchiving, MappedRecordsPlugIntoAppMTLDefaultAndTheArchiver) {
 
     // A JSON value that is no record dictionary reads as nil with the get error.
     AppMTLDefault<HostsConfig> hosts("LMHosts");
-    defaults->setObject(UserDefaults::makeData(std::string_view("[1]")), "LMHosts");
+    defaults_->setObject(UserDefaults::makeData(std::string_view("[1]")), "LMHosts");
     log::Capture capture;
     EXPECT_FALSE(hosts.get());
     EXPECT_EQ(capture.count("[AppMTLDefault] get value error: "), 1u);
-    AppGroup::setContainerDirectoryForTesting({});
 }
