@@ -4,29 +4,23 @@
 #include <sched.h>
 
 #include <atomic>
-#include <mutex>
 
 #include <gtest/gtest.h>
 
 #include "lmkit/netinfo/NetworkInfoProvider.hpp"
 #include "lmkit/netinfo/VPNNetworkStatusMonitor.hpp"
-#include "lmkit/testbed/EchoServer.hpp"
 #include "lmkit/platform/NetworkChangeWatcher.hpp"
 #include "lmkit/platform/NotificationCenter.hpp"
 #include "lmkit/platform/UdpSocket.hpp"
+#include "lmkit/testbed/EchoServer.hpp"
+#include "support/DatagramRecorder.hpp"
 #include "support/TestSupport.hpp"
 
 using namespace lmkit;
-using lmkit::testing::runCommand;
+using lmkit::testing::sh;
 using lmkit::testing::waitFor;
 
 namespace {
-
-bool sh(const std::string& command) {
-    int status = 0;
-    runCommand(command + " 2>&1", &status);
-    return status == 0;
-}
 
 class NetworkNamespace : public ::testing::Test {
   protected:
@@ -42,18 +36,6 @@ class NetworkNamespace : public ::testing::Test {
             GTEST_SKIP() << "needs a network namespace with veth links (root)";
     }
     static inline bool ready_ = false;
-};
-
-class Collector : public UdpSocketDelegate {
-  public:
-    void udpSocketDidReceiveData(UdpSocket&, const Datagram& datagram) override {
-        const auto& data = datagram.data;
-        const auto& from = datagram.source;
-        std::lock_guard lock(mutex);
-        replies.emplace_back(std::string(data.begin(), data.end()), from.host);
-    }
-    std::mutex mutex;
-    std::vector<std::pair<std::string, std::string>> replies;
 };
 
 }  // namespace
@@ -78,18 +60,16 @@ TEST_F(NetworkNamespace, SocketBoundToCellularSendsFromItsAddress) {
     std::vector<EchoEndpointConfig> endpoints{{"10.77.0.1", 0, {}}};
     auto server = EchoServer::start(endpoints);
     ASSERT_TRUE(server);
-    auto collector = std::make_shared<Collector>();
-    auto socket = UdpSocket::create(collector, DispatchQueue::serial("test.ns.cellular"));
+    auto queue = DispatchQueue::serial("test.ns.cellular");
+    auto recorder = std::make_shared<lmkit::testing::DatagramRecorder>(queue);
+    auto socket = UdpSocket::create(recorder, queue);
     Error error;
     ASSERT_TRUE(socket->bindToPort(0, "pdp_ip0", &error)) << error.localizedDescription();
     ASSERT_TRUE(socket->beginReceiving(&error));
     socket->sendData(std::string_view("42"), "10.77.0.1", server->endpoints()[0].port, 0);
-    ASSERT_TRUE(waitFor([&] {
-        std::lock_guard lock(collector->mutex);
-        return !collector->replies.empty();
-    }));
-    std::lock_guard lock(collector->mutex);
-    EXPECT_EQ(collector->replies[0], (std::pair<std::string, std::string>{"42", "10.77.0.1"}));
+    ASSERT_TRUE(waitFor([&] { return recorder->count() > 0; }));
+    EXPECT_EQ(recorder->received()[0].text, "42");
+    EXPECT_EQ(recorder->received()[0].from.host, "10.77.0.1");
 }
 
 TEST_F(NetworkNamespace, LinkChangesAreWatchedAndPosted) {

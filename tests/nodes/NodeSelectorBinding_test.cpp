@@ -20,16 +20,10 @@
 #include "support/TestSupport.hpp"
 
 using namespace lmkit;
-using lmkit::testing::runCommand;
+using lmkit::testing::sh;
 using lmkit::testing::waitFor;
 
 namespace {
-
-bool sh(const std::string& command) {
-    int status = 0;
-    runCommand(command + " 2>&1", &status);
-    return status == 0;
-}
 
 // Packets sent by `interface`, from this namespace's /proc/net/dev (/sys shows the namespace it
 // was mounted in); -1 when the interface is not listed.

@@ -10,101 +10,19 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DatagramRecorder.hpp"
 #include "support/TestSupport.hpp"
 
 using namespace lmkit;
 using lmkit::testing::waitFor;
 
-namespace {
-
-struct Received {
-    std::string text;
-    SocketAddress from;
-};
-
-/// Records every event, checking that each arrives on the delegate queue and none after close.
-class Recorder : public UdpSocketDelegate {
-  public:
-    explicit Recorder(DispatchQueue queue, bool echo = false) : queue_(queue), echo_(echo) {}
-
-    void udpSocketDidReceiveData(UdpSocket& socket, const Datagram& datagram) override {
-        const auto& data = datagram.data;
-        const auto& from = datagram.source;
-        check();
-        if (echo_)
-            socket.sendData(data, from.host, from.port, 0);
-        std::lock_guard lock(mutex_);
-        received_.push_back({std::string(data.begin(), data.end()), from});
-    }
-    void udpSocketDidNotSendData(UdpSocket&, long tag, const Error& error) override {
-        check();
-        std::lock_guard lock(mutex_);
-        notSent_.emplace_back(tag, error);
-    }
-    void udpSocketDidClose(UdpSocket&, const std::optional<Error>& error) override {
-        check();
-        std::lock_guard lock(mutex_);
-        ++closes_;
-        closeError_ = error;
-    }
-
-    std::vector<Received> received() const {
-        std::lock_guard lock(mutex_);
-        return received_;
-    }
-    std::vector<std::pair<long, Error>> notSent() const {
-        std::lock_guard lock(mutex_);
-        return notSent_;
-    }
-    int closes() const {
-        std::lock_guard lock(mutex_);
-        return closes_;
-    }
-    std::optional<Error> closeError() const {
-        std::lock_guard lock(mutex_);
-        return closeError_;
-    }
-    int misplaced() const { return misplaced_; }
-
-  private:
-    void check() {
-        if (!queue_.isCurrent())
-            ++misplaced_;
-        std::lock_guard lock(mutex_);
-        if (closes_ > 0)
-            ++misplaced_;
-    }
-
-    DispatchQueue queue_;
-    bool echo_;
-    mutable std::mutex mutex_;
-    std::vector<Received> received_;
-    std::vector<std::pair<long, Error>> notSent_;
-    int closes_ = 0;
-    std::optional<Error> closeError_;
-    std::atomic<int> misplaced_{0};
-};
-
-struct Endpoint {
-    std::shared_ptr<Recorder> recorder;
-    std::shared_ptr<UdpSocket> socket;
-};
-
-Endpoint makeEndpoint(const std::string& label, bool echo = false) {
-    auto queue = DispatchQueue::serial(label);
-    Endpoint endpoint;
-    endpoint.recorder = std::make_shared<Recorder>(queue, echo);
-    endpoint.socket = UdpSocket::create(endpoint.recorder, queue);
-    Error error;
-    EXPECT_TRUE(endpoint.socket->beginReceiving(&error)) << error.localizedDescription();
-    return endpoint;
-}
-
-}  // namespace
+using lmkit::testing::udpEndpoint;
+using Received = lmkit::testing::ReceivedDatagram;
+using Recorder = lmkit::testing::DatagramRecorder;
 
 TEST(UdpSocket, EchoRoundTripOverIPv4AndIPv6ReportsTheSourceFamily) {
-    auto echo = makeEndpoint("test.udp.echo", true);
-    auto client = makeEndpoint("test.udp.client");
+    auto echo = udpEndpoint("test.udp.echo", true);
+    auto client = udpEndpoint("test.udp.client");
     ASSERT_NE(echo.socket->localPort(), 0);
     EXPECT_GE(client.socket->socketFD(), 0);
 
@@ -131,8 +49,8 @@ TEST(UdpSocket, EchoRoundTripOverIPv4AndIPv6ReportsTheSourceFamily) {
 
 TEST(UdpSocket, BurstArrivesCompleteAndInOrderAsSeparateEvents) {
     constexpr int kCount = 5000;
-    auto receiver = makeEndpoint("test.udp.burst.receiver");
-    auto sender = makeEndpoint("test.udp.burst.sender");
+    auto receiver = udpEndpoint("test.udp.burst.receiver");
+    auto sender = udpEndpoint("test.udp.burst.sender");
     for (int i = 0; i < kCount; ++i) {
         sender.socket->sendData(std::to_string(i), "127.0.0.1", receiver.socket->localPort(), i);
     }
@@ -185,8 +103,8 @@ TEST(UdpSocket, BurstArrivesCompleteAndInOrderAsSeparateEvents) {
 }
 
 TEST(UdpSocket, NamesResolveOffTheCallerAndFailuresCarryTheTag) {
-    auto echo = makeEndpoint("test.udp.names.echo", true);
-    auto client = makeEndpoint("test.udp.names.client");
+    auto echo = udpEndpoint("test.udp.names.echo", true);
+    auto client = udpEndpoint("test.udp.names.client");
     client.socket->sendData(std::string_view("a"), "no-such-host.invalid", 9, 41);
     client.socket->sendData(std::string_view("b"), "no-such-host.invalid", 9, 42);
     client.socket->sendData(std::string_view("c"), "localhost", echo.socket->localPort(), 43);
@@ -202,8 +120,8 @@ TEST(UdpSocket, NamesResolveOffTheCallerAndFailuresCarryTheTag) {
 }
 
 TEST(UdpSocket, InjectedSendFailuresKeepThePlatformErrno) {
-    auto receiver = makeEndpoint("test.udp.inject.receiver");
-    auto sender = makeEndpoint("test.udp.inject.sender");
+    auto receiver = udpEndpoint("test.udp.inject.receiver");
+    auto sender = udpEndpoint("test.udp.inject.sender");
     sender.socket->failNextSendsForTesting(2, ENOBUFS);
     for (int i = 0; i < 3; ++i) {
         sender.socket->sendData(std::to_string(i), "127.0.0.1", receiver.socket->localPort(), i);
@@ -219,8 +137,8 @@ TEST(UdpSocket, InjectedSendFailuresKeepThePlatformErrno) {
 }
 
 TEST(UdpSocket, CloseFromManyThreadsReportsOnceAndIsTheLastEvent) {
-    auto receiver = makeEndpoint("test.udp.close.receiver");
-    auto sender = makeEndpoint("test.udp.close.sender");
+    auto receiver = udpEndpoint("test.udp.close.receiver");
+    auto sender = udpEndpoint("test.udp.close.sender");
     std::atomic<bool> stop{false};
     std::thread flood([&] {
         for (int i = 0; !stop; ++i) {
@@ -261,8 +179,8 @@ TEST(UdpSocket, CloseFromManyThreadsReportsOnceAndIsTheLastEvent) {
 }
 
 TEST(UdpSocket, ReleasedDelegateGetsNothingAndTheSocketKeepsWorking) {
-    auto receiver = makeEndpoint("test.udp.release.receiver");
-    auto sender = makeEndpoint("test.udp.release.sender");
+    auto receiver = udpEndpoint("test.udp.release.receiver");
+    auto sender = udpEndpoint("test.udp.release.sender");
     std::weak_ptr<Recorder> weak = receiver.recorder;
     for (int i = 0; i < 200; ++i) {
         sender.socket->sendData(std::to_string(i), "127.0.0.1", receiver.socket->localPort(), i);
@@ -292,7 +210,7 @@ TEST(UdpSocket, BindsToANamedInterfaceOrExplainsWhyNot) {
     ASSERT_TRUE(socket->bindToPort(0, "lo", &error)) << error.localizedDescription();
     EXPECT_FALSE(socket->bindToPort(0, &error));  // a second bind is refused
     ASSERT_TRUE(socket->beginReceiving(&error));
-    auto echo = makeEndpoint("test.udp.bind.echo", true);
+    auto echo = udpEndpoint("test.udp.bind.echo", true);
     socket->sendData(std::string_view("via lo"), "127.0.0.1", echo.socket->localPort(), 7);
     ASSERT_TRUE(waitFor([&] { return recorder->received().size() == 1; }));
     EXPECT_EQ(recorder->received()[0].text, "via lo");

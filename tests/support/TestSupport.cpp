@@ -76,6 +76,12 @@ std::string runCommand(const std::string& command, int* status) {
     return output;
 }
 
+bool sh(const std::string& command) {
+    int status = -1;
+    runCommand(command + " 2>&1", &status);
+    return status == 0;
+}
+
 pid_t spawnSelf(const std::string& variable, const std::string& value) {
     std::vector<std::string> environment;
     for (char** e = environ; *e; ++e)

@@ -49,6 +49,9 @@ class TempDir {
 /// Runs a shell command and returns its standard output; `status` receives the exit code.
 std::string runCommand(const std::string& command, int* status = nullptr);
 
+/// Runs a shell command, its output dropped; true when it exits with 0.
+bool sh(const std::string& command);
+
 /// Starts this test binary again with `variable`=`value` added to its environment, for tests
 /// that need a second real process; descriptors that are not close-on-exec stay open in it.
 /// -1 when it cannot start.

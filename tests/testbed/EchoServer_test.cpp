@@ -5,56 +5,19 @@
 
 #include <chrono>
 #include <map>
-#include <mutex>
 #include <set>
 
 #include <gtest/gtest.h>
 
 #include "lmkit/platform/Clock.hpp"
+#include "support/DatagramRecorder.hpp"
 #include "support/TestSupport.hpp"
 
 using namespace lmkit;
+using lmkit::testing::udpEndpoint;
 using lmkit::testing::waitFor;
 
 namespace {
-
-struct Reply {
-    std::string text;
-    SocketAddress from;
-    double receivedAt = 0;  // Clock milliseconds
-};
-
-class Collector : public UdpSocketDelegate {
-  public:
-    void udpSocketDidReceiveData(UdpSocket&, const Datagram& datagram) override {
-        const auto& data = datagram.data;
-        const auto& from = datagram.source;
-        std::lock_guard lock(mutex_);
-        replies_.push_back({std::string(data.begin(), data.end()), from, datagram.receiveTime});
-    }
-    std::vector<Reply> replies() const {
-        std::lock_guard lock(mutex_);
-        return replies_;
-    }
-    size_t count() const { return replies().size(); }
-
-  private:
-    mutable std::mutex mutex_;
-    std::vector<Reply> replies_;
-};
-
-/// A real kit socket, receiving, with its collector.
-struct Prober {
-    Prober() {
-        socket = UdpSocket::create(collector, DispatchQueue::serial("test.echo.prober"));
-        EXPECT_TRUE(socket->beginReceiving());
-    }
-    void send(const std::string& text, const SocketAddress& to) {
-        socket->sendData(text, to.host, to.port, 0);
-    }
-    std::shared_ptr<Collector> collector = std::make_shared<Collector>();
-    std::shared_ptr<UdpSocket> socket;
-};
 
 std::unique_ptr<EchoServer> startOne(const std::string& spec, uint64_t seed = 1) {
     Error error;
@@ -79,14 +42,14 @@ TEST(EchoServer, AnswersFromEachProbedAddressOnOnePort) {
     auto second = EchoServer::start(more, 1, &error);
     ASSERT_TRUE(second) << error.localizedDescription();
 
-    Prober prober;
+    auto prober = udpEndpoint("test.echo.prober");
     std::vector<SocketAddress> targets = first->endpoints();
     for (const auto& endpoint : second->endpoints())
         targets.push_back(endpoint);
     for (const auto& target : targets)
         prober.send("probe " + target.host, target);
-    ASSERT_TRUE(waitFor([&] { return prober.collector->count() == targets.size(); }));
-    for (const auto& reply : prober.collector->replies()) {
+    ASSERT_TRUE(waitFor([&] { return prober.recorder->count() == targets.size(); }));
+    for (const auto& reply : prober.recorder->received()) {
         EXPECT_EQ(reply.text, "probe " + reply.from.host);
         bool matched = false;
         for (const auto& target : targets) {
@@ -100,15 +63,15 @@ TEST(EchoServer, AnswersFromEachProbedAddressOnOnePort) {
 TEST(EchoServer, LossIsSeededAndRepeatable) {
     auto run = [](uint64_t seed) {
         auto server = startOne("127.0.0.1:0/loss=0.5", seed);
-        Prober prober;
+        auto prober = udpEndpoint("test.echo.prober");
         // Sent one at a time so the server sees the same order in every run.
         for (int i = 0; i < 200; ++i) {
             prober.send(std::to_string(i), server->endpoints()[0]);
             waitFor([&] { return server->requestsReceived() == static_cast<uint64_t>(i + 1); });
         }
-        waitFor([&] { return prober.collector->count() == server->repliesSent(); });
+        waitFor([&] { return prober.recorder->count() == server->repliesSent(); });
         std::set<std::string> echoed;
-        for (const auto& reply : prober.collector->replies())
+        for (const auto& reply : prober.recorder->received())
             echoed.insert(reply.text);
         return echoed;
     };
@@ -125,14 +88,14 @@ TEST(EchoServer, FaultModesShapeTheReplies) {
     auto otherPort = startOne("127.0.0.1:0/other-port");
     auto junk = startOne("127.0.0.1:0/junk=3");
 
-    Prober prober;
+    auto prober = udpEndpoint("test.echo.prober");
     prober.send("dup", server->endpoints()[0]);
     prober.send("12345", garbage->endpoints()[0]);
     prober.send("moved", otherPort->endpoints()[0]);
     prober.send("real", junk->endpoints()[0]);
-    ASSERT_TRUE(waitFor([&] { return prober.collector->count() == 2 + 1 + 1 + 4; }));
+    ASSERT_TRUE(waitFor([&] { return prober.recorder->count() == 2 + 1 + 1 + 4; }));
     int dups = 0, junkCount = 0, real = 0;
-    for (const auto& reply : prober.collector->replies()) {
+    for (const auto& reply : prober.recorder->received()) {
         if (reply.from.port == server->endpoints()[0].port) {
             dups += reply.text == "dup";
         }
@@ -153,13 +116,13 @@ TEST(EchoServer, FaultModesShapeTheReplies) {
 
 TEST(EchoServer, ReorderSwapsPairsAndDelayHoldsReplies) {
     auto reorder = startOne("127.0.0.1:0/reorder");
-    Prober prober;
+    auto prober = udpEndpoint("test.echo.prober");
     prober.send("first", reorder->endpoints()[0]);
     ASSERT_TRUE(waitFor([&] { return reorder->requestsReceived() == 1; }));
     prober.send("second", reorder->endpoints()[0]);
-    ASSERT_TRUE(waitFor([&] { return prober.collector->count() == 2; }));
-    EXPECT_EQ(prober.collector->replies()[0].text, "second");
-    EXPECT_EQ(prober.collector->replies()[1].text, "first");
+    ASSERT_TRUE(waitFor([&] { return prober.recorder->count() == 2; }));
+    EXPECT_EQ(prober.recorder->received()[0].text, "second");
+    EXPECT_EQ(prober.recorder->received()[1].text, "first");
 }
 
 TEST(EchoServer, EachReplyKeepsItsOwnDeadlineUnderLoad) {
@@ -175,7 +138,7 @@ TEST(EchoServer, EachReplyKeepsItsOwnDeadlineUnderLoad) {
     ASSERT_TRUE(server) << error.localizedDescription();
     const auto targets = server->endpoints();
 
-    Prober prober;
+    auto prober = udpEndpoint("test.echo.prober");
     std::map<std::string, double> sentAt;
     for (int i = 0; i < 500; ++i) {
         const std::string text = "d" + std::to_string(i);
@@ -187,8 +150,8 @@ TEST(EchoServer, EachReplyKeepsItsOwnDeadlineUnderLoad) {
         sentAt[text] = Clock::nowMilliseconds();
         prober.send(text, targets.back());
     }
-    ASSERT_TRUE(waitFor([&] { return prober.collector->count() == sentAt.size(); }));
-    for (const auto& reply : prober.collector->replies()) {
+    ASSERT_TRUE(waitFor([&] { return prober.recorder->count() == sentAt.size(); }));
+    for (const auto& reply : prober.recorder->received()) {
         const double took = reply.receivedAt - sentAt.at(reply.text);
         if (reply.text[0] == 'd')
             EXPECT_GE(took, 49.99) << reply.text;
@@ -204,16 +167,16 @@ TEST(EchoServer, ProbesSentAsOneSegmentedMessageComeBackOneByOne) {
     auto plain = startOne("127.0.0.1:0");
     auto held = startOne("127.0.0.1:0/delay=5");
     auto duplicated = startOne("127.0.0.1:0/duplicate");
-    Prober prober;
+    auto prober = udpEndpoint("test.echo.prober");
     const std::vector<std::string> texts{"seg-0", "seg-1", "seg-2", "seg-3", "s4"};
     std::vector<OutgoingDatagram> batch;
     for (const auto* server : {plain.get(), held.get(), duplicated.get()})
         for (const auto& text : texts)
             batch.push_back({text, "127.0.0.1", server->endpoints()[0].port, 0});
     ASSERT_TRUE(prober.socket->sendDatagrams(batch));
-    ASSERT_TRUE(waitFor([&] { return prober.collector->count() == 4 * texts.size(); }));
+    ASSERT_TRUE(waitFor([&] { return prober.recorder->count() == 4 * texts.size(); }));
     std::map<uint16_t, std::multiset<std::string>> byServer;
-    for (const auto& reply : prober.collector->replies())
+    for (const auto& reply : prober.recorder->received())
         byServer[reply.from.port].insert(reply.text);
     const std::multiset<std::string> once(texts.begin(), texts.end());
     std::multiset<std::string> twice = once;
