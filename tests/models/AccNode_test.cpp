@@ -5,19 +5,16 @@
 
 #include "lmkit/models/AccRoute.hpp"
 #include "lmkit/models/NodeInfo.hpp"
+#include "support/RecordDecoding.hpp"
 
 namespace lmkit {
 namespace {
 
-std::shared_ptr<AccNode> node(const char* text) {
-    Error error;
-    auto n = JSONAdapter::modelOfClass<AccNode>(Json::parse(text), &error);
-    EXPECT_TRUE(n) << error.localizedDescription();
-    return n;
-}
+using lmkit::testing::decode;
 
 TEST(AccNode, MapsItsTwentyKeysAndNeverTheProbeStatistics) {
-    auto n = node(R"({"id":"n1","ip":"10.0.0.1","port":443,"tls_port":8443,"netask_port":9999,
+    auto n =
+        decode<AccNode>(R"({"id":"n1","ip":"10.0.0.1","port":443,"tls_port":8443,"netask_port":9999,
         "ping_server":"p.example","operator_ip":[{"key":["46000","46002"],"value":"1.1.1.1"},
         {"key":["46002"],"value":"2.2.2.2"}],"sni_ip":"","sni_port":1,"sni_crypt":2,"total":100,
         "online":10,"weight":50,"rear_delay":12,"chart_rear_delay":13,"delay":35.5,
@@ -43,7 +40,7 @@ TEST(AccNode, MapsItsTwentyKeysAndNeverTheProbeStatistics) {
 }
 
 TEST(AccNode, CurrentCarrierCodeComesFromTheProvider) {
-    auto n = node(R"({"operator_ip":[{"key":["46001"],"value":"3.3.3.3"}]})");
+    auto n = decode<AccNode>(R"({"operator_ip":[{"key":["46001"],"value":"3.3.3.3"}]})");
     EXPECT_FALSE(n->ipForCurrentCarrierTypeCode());
     AccNode::setCarrierTypeCodeProvider([] { return std::optional<std::string>("46001"); });
     EXPECT_EQ(n->ipForCurrentCarrierTypeCode(), "3.3.3.3");
@@ -52,10 +49,10 @@ TEST(AccNode, CurrentCarrierCodeComesFromTheProvider) {
 }
 
 TEST(AccNode, SafePingServerAndDescription) {
-    auto n = node(R"({"ip":"10.0.0.1","ping_server":"","port":443,"total":5})");
+    auto n = decode<AccNode>(R"({"ip":"10.0.0.1","ping_server":"","port":443,"total":5})");
     EXPECT_EQ(n->safePingServer(), "10.0.0.1");
-    EXPECT_EQ(node(R"({"ip":"","ping_server":""})")->safePingServer(), "");
-    EXPECT_EQ(node("{}")->safePingServer(), "");
+    EXPECT_EQ(decode<AccNode>(R"({"ip":"","ping_server":""})")->safePingServer(), "");
+    EXPECT_EQ(decode<AccNode>("{}")->safePingServer(), "");
     n->delayScore = 1.005;
     n->delay = 12.345;
     EXPECT_EQ(n->description(),
@@ -63,7 +60,8 @@ TEST(AccNode, SafePingServerAndDescription) {
               "chart_rear_delay:(null) total_count:5 online_count:(null) isp_weight:(null) "
               "[loss](0.00) [delay](12.35 avg:0.00 min:0.00 max:0.00) "
               "[score](delay:1.00 loss:0.00 load:0.00 isp:0.00)");
-    EXPECT_NE(node(R"({"ip":"a"})")->description().find("ping_server:null "), std::string::npos);
+    EXPECT_NE(decode<AccNode>(R"({"ip":"a"})")->description().find("ping_server:null "),
+              std::string::npos);
 }
 
 TEST(AccNode, PartialScores) {
@@ -83,7 +81,7 @@ TEST(AccNode, PartialScores) {
     EXPECT_DOUBLE_EQ(AccNode::computeScoreOfLoss(Number(0.25), config, true).doubleValue(), 537.5);
     EXPECT_EQ(AccNode::computeScoreOfLoss(Number(0.8), config, true).doubleValue(), 0);
 
-    auto n = node(R"({"weight":50,"total":100,"online":79})");
+    auto n = decode<AccNode>(R"({"weight":50,"total":100,"online":79})");
     EXPECT_EQ(n->computeScoreOfISPReferToAccConfig(config).doubleValue(), 50);
     EXPECT_EQ(n->computeScoreOfLoadReferToAccConfig(config).doubleValue(), 200);
     n->onlineCount = Number(90);  // halfway between 80 and 100
@@ -92,7 +90,7 @@ TEST(AccNode, PartialScores) {
     EXPECT_EQ(n->computeScoreOfLoadReferToAccConfig(config).doubleValue(), 0);
     n->onlineCount = Number(101);
     EXPECT_EQ(n->computeScoreOfLoadReferToAccConfig(config).doubleValue(), 0);
-    auto empty = node(R"({"total":0,"online":0})");
+    auto empty = decode<AccNode>(R"({"total":0,"online":0})");
     EXPECT_EQ(empty->computeScoreOfLoadReferToAccConfig(config).doubleValue(), 0);
 }
 

@@ -4,18 +4,15 @@
 
 #include <unordered_set>
 
+#include "support/RecordDecoding.hpp"
+
 namespace lmkit {
 namespace {
 
-std::shared_ptr<Game> game(const char* text) {
-    Error error;
-    auto g = JSONAdapter::modelOfClass<Game>(Json::parse(text), &error);
-    EXPECT_TRUE(g) << error.localizedDescription();
-    return g;
-}
+using lmkit::testing::decode;
 
 TEST(Game, DefaultsFillAbsentKeysAndOverseaFillsBoth) {
-    auto g = game(R"({"gid":"g1","oversea":true,"icon_url":"https://x/i.png",
+    auto g = decode<Game>(R"({"gid":"g1","oversea":true,"icon_url":"https://x/i.png",
         "corner_badge":"bad url","subs":[{"gid":"g2","online":0}]})");
     EXPECT_EQ(g->isOnline->intValue(), 1);  // a default of the table
     ASSERT_TRUE(g->multipleBundleUrlTypes);
@@ -34,9 +31,9 @@ TEST(Game, DefaultsFillAbsentKeysAndOverseaFillsBoth) {
 }
 
 TEST(Game, EqualityAndHashFollowGid) {
-    auto a = game(R"({"gid":"g1","name":"A"})");
-    auto b = game(R"({"gid":"g1","name":"B"})");
-    auto c = game(R"({"gid":"g2","name":"A"})");
+    auto a = decode<Game>(R"({"gid":"g1","name":"A"})");
+    auto b = decode<Game>(R"({"gid":"g1","name":"B"})");
+    auto c = decode<Game>(R"({"gid":"g2","name":"A"})");
     EXPECT_EQ(*a, *b);
     EXPECT_FALSE(*a == *c);
     EXPECT_EQ(std::hash<Game>()(*a), std::hash<Game>()(*b));
@@ -44,11 +41,11 @@ TEST(Game, EqualityAndHashFollowGid) {
     EXPECT_EQ(set.size(), 2u);
 
     // Numeric gids (and other wrong-kind values) are kept and still tell games apart.
-    auto n1 = game(R"({"gid":101,"online":"1","grade":"3"})");
-    auto n2 = game(R"({"gid":102})");
+    auto n1 = decode<Game>(R"({"gid":101,"online":"1","grade":"3"})");
+    auto n2 = decode<Game>(R"({"gid":102})");
     EXPECT_FALSE(*n1 == *n2);
     EXPECT_NE(std::hash<Game>()(*n1), std::hash<Game>()(*n2));
-    EXPECT_FALSE(*n1 == *game(R"({"gid":"101"})"));
+    EXPECT_FALSE(*n1 == *decode<Game>(R"({"gid":"101"})"));
     auto back = n1->toJSONDictionary();
     EXPECT_EQ((*back)["gid"], 101);
     EXPECT_EQ((*back)["online"], "1");
@@ -66,7 +63,7 @@ TEST(Game, EqualityAndHashFollowGid) {
 }
 
 TEST(Game, BundleEntriesLinksAndDialogs) {
-    auto g = game(R"({"gid":"g","name":"N","grade":3,"as_sub_name":"Asia",
+    auto g = decode<Game>(R"({"gid":"g","name":"N","grade":3,"as_sub_name":"Asia",
         "bundle_multiple_url_type":[{"bundle_url_type":"one","itc_url":"https://s/1"},
         {"bundle_url_type":"two"},{"bundle_url_type":"three","itc_url":"https://s/3",
         "download_areas":[{"name":"CN","key":"cn"}]}],
@@ -85,10 +82,10 @@ TEST(Game, BundleEntriesLinksAndDialogs) {
     EXPECT_EQ(g->getDialogIDWithTiming(Number(2)), "d1");
     EXPECT_EQ(g->getDialogIDWithTiming(Number(3)), "d3");
     EXPECT_FALSE(g->getDialogIDWithTiming(Number(4)));
-    EXPECT_FALSE(game("{}")->getDialogIDWithTiming(Number(2)));
+    EXPECT_FALSE(decode<Game>("{}")->getDialogIDWithTiming(Number(2)));
     EXPECT_EQ(g->keyLog(), "id:g name:N grade:3, zone:Asia");
 
-    auto single = game(R"({"bundle_multiple_url_type":[{"name":"x"}]})");
+    auto single = decode<Game>(R"({"bundle_multiple_url_type":[{"name":"x"}]})");
     EXPECT_TRUE(single->supportOpenURL());
 }
 

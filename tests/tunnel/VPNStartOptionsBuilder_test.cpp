@@ -10,23 +10,18 @@
 #include "lmkit/foundation/Log.hpp"
 #include "lmkit/tunnel/BanListFilter.hpp"
 #include "lmkit/tunnel/VPNStartOptionsTransport.hpp"
+#include "support/RecordDecoding.hpp"
 
 namespace lmkit {
 namespace {
+
+using lmkit::testing::decode;
 
 Json readSample(const std::string& name) {
     std::ifstream in(std::string(LMKIT_TEST_DATA_DIR) + "/start_options/" + name);
     std::stringstream text;
     text << in.rdbuf();
     return Json::parse(text.str());
-}
-
-template <class R>
-std::shared_ptr<R> decoded(const Json& json) {
-    Error error;
-    auto record = JSONAdapter::modelOfClass<R>(json, &error);
-    EXPECT_TRUE(record) << error.localizedDescription();
-    return record;
 }
 
 // The sample answer and game, with the answer's nodes chosen in their delivered order. Each test
@@ -39,8 +34,8 @@ class BuilderTest : public ::testing::Test {
 
     VPNStartOptionsArguments arguments() {
         VPNStartOptionsArguments args;
-        args.game = decoded<Game>(gameJson);
-        auto acc = decoded<AccAPIResponseObject>(answer);
+        args.game = decode<Game>(gameJson);
+        auto acc = decode<AccAPIResponseObject>(answer);
         args.acc = acc;
         if (acc && acc->accNodes)
             args.accNodes = *acc->accNodes;
@@ -122,7 +117,7 @@ TEST_F(BuilderTest, GameDictionaryHasSixKeysAndTheAnswersDualChannelMode) {
     game = build()["game"];
     EXPECT_TRUE(game["zoneGameSuperGid"].is_null());
     EXPECT_EQ(game["dualChannelType"], 1);
-    auto bridge = decoded<BridgeGame>(game);
+    auto bridge = decode<BridgeGame>(game);
     EXPECT_EQ(bridge->gid, "g-100");
     EXPECT_TRUE(bridge->oversea);
     EXPECT_EQ(bridge->grade, 2u);
@@ -279,7 +274,7 @@ TEST_F(BuilderTest, PassesTheCallersArgumentsThrough) {
 }
 
 TEST_F(BuilderTest, BanListsKeepEachTypesRulesInOrder) {
-    auto acc = decoded<AccAPIResponseObject>(answer);
+    auto acc = decode<AccAPIResponseObject>(answer);
     auto tcp = filterBanList(*acc, kBanListTCP);
     ASSERT_EQ(tcp.size(), 2u);
     EXPECT_EQ(tcp[0], acc->banlist->at(0));
