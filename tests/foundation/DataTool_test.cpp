@@ -5,25 +5,19 @@
 #include <filesystem>
 
 #include "OpenSslCli.hpp"
+#include "support/ToolCommandTest.hpp"
 
 namespace lmkit {
 namespace {
 
 namespace cli = testing::openssl;
 
-class DataToolTest : public ::testing::Test {
+class DataToolTest : public testing::ToolCommandTest {
   protected:
-    void SetUp() override {
-        tool_ = LMKIT_TOOL_PATH;
-        if (tool_.empty() || !std::filesystem::exists(tool_))
-            GTEST_SKIP() << "the lmkit tool is not built";
-    }
-
     // Runs the tool with `arguments` (shell syntax); standard error goes to `stderrText`.
     std::string run(const std::string& arguments, int* status, std::string* stderrText = nullptr) {
         const auto errPath = dir_.path() / "stderr";
-        std::string out =
-            testing::runCommand(tool_ + " " + arguments + " 2>" + errPath.string(), status);
+        std::string out = testing::runCommand(tool(arguments + " 2>" + errPath.string()), status);
         if (stderrText) {
             const Data err = cli::readFile(errPath);
             stderrText->assign(err.begin(), err.end());
@@ -32,9 +26,6 @@ class DataToolTest : public ::testing::Test {
     }
 
     std::filesystem::path file(const std::string& name) const { return dir_.path() / name; }
-
-    std::string tool_;
-    testing::TempDir dir_;
 };
 
 // One line on standard error, and exit code 1.

@@ -21,6 +21,10 @@ class ToolCommandTest : public ::testing::Test {
         return "LMKIT_LOG_DIR='" + (dir_.path() / "logs").string() + "' LMKIT_APP_GROUP_DIR='" +
                (dir_.path() / "group").string() + "' '" + LMKIT_TOOL_PATH + "' " + args;
     }
+    // `lmkit ARGS` run, its standard error joined to its output.
+    std::string run(const std::string& args, int* status = nullptr) const {
+        return runCommand(tool(args) + " 2>&1", status);
+    }
     // A shell script run in the test's directory with the same environment and $LMKIT the tool.
     // Separate statements: a body that starts with a background job must not take the exports
     // into its subshell.

@@ -11,18 +11,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class LogsCommandTest : public lmkit::testing::ToolCommandTest {
-  protected:
-    std::string run(const std::string& args, int* status) {
-        return lmkit::testing::runCommand(tool("logs " + args + " 2>&1"), status);
-    }
-};
+using LogsCommandTest = lmkit::testing::ToolCommandTest;
 
 }  // namespace
 
 TEST_F(LogsCommandTest, PathNamesTheThreeFolders) {
     int status = -1;
-    auto out = nlohmann::json::parse(run("path --json", &status));
+    auto out = nlohmann::json::parse(run("logs path --json", &status));
     ASSERT_EQ(status, 0);
     ASSERT_EQ(out.size(), 3u);
     EXPECT_EQ(out[0]["prefix"], "op");
@@ -30,7 +25,7 @@ TEST_F(LogsCommandTest, PathNamesTheThreeFolders) {
     EXPECT_EQ(out[1]["stream"], "api");
     EXPECT_EQ(out[2]["folder"], (dir_.path() / "group" / "Logs").string());
 
-    auto text = run("path", &status);
+    auto text = run("logs path", &status);
     EXPECT_EQ(status, 0);
     EXPECT_NE(text.find("tunnel  tunnel  " + (dir_.path() / "group" / "Logs").string()),
               std::string::npos)
@@ -47,7 +42,7 @@ TEST_F(LogsCommandTest, ListShowsOnlyEachStreamsFilesNewestFirst) {
     fs::last_write_time(dir_.path() / "logs" / "op-2024-01-30.log", now - std::chrono::hours(24));
 
     int status = -1;
-    auto out = nlohmann::json::parse(run("list --json", &status));
+    auto out = nlohmann::json::parse(run("logs list --json", &status));
     ASSERT_EQ(status, 0);
     ASSERT_EQ(out[0]["files"].size(), 2u);
     EXPECT_EQ(out[0]["files"][0]["name"], "op-2024-01-31.log");
@@ -56,7 +51,7 @@ TEST_F(LogsCommandTest, ListShowsOnlyEachStreamsFilesNewestFirst) {
     ASSERT_EQ(out[1]["files"].size(), 1u);
     EXPECT_TRUE(out[2]["files"].empty());
 
-    auto error = run("bogus", &status);
+    auto error = run("logs bogus", &status);
     EXPECT_EQ(status, 1);
     EXPECT_EQ(error.rfind("lmkit", 0), 0u) << error;  // one clear line on stderr
 }

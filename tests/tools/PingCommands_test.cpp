@@ -25,9 +25,6 @@ class PingCommandsTest : public lmkit::testing::ToolCommandTest {
         ASSERT_TRUE(echo_);
         echoPort_ = std::to_string(echo_->endpoints()[0].port);
     }
-    std::string run(const std::string& args, int* status) {
-        return lmkit::testing::runCommand(tool(args + " 2>&1"), status);
-    }
     std::unique_ptr<EchoServer> echo_;
     std::string echoPort_;
 };

@@ -27,9 +27,6 @@ namespace {
 
 class WatchCommandTest : public lmkit::testing::ToolCommandTest {
   protected:
-    std::string run(const std::string& args, int* status) const {
-        return lmkit::testing::runCommand(tool(args) + " 2>&1", status);
-    }
     fs::path history() const { return dir_.path() / "history.sqlite"; }
 };
 
