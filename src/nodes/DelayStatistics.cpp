@@ -9,7 +9,7 @@ namespace {
 constexpr std::size_t kUntrimmedSamples = 5;
 }  // namespace
 
-std::optional<double> DelayStatistics::minOfNumbers(const std::vector<double>& numbers) {
+std::optional<double> DelayStatistics::minOfNumbers(std::span<const double> numbers) {
     if (numbers.empty())
         return std::nullopt;
     double minimum = numbers.front();
@@ -19,7 +19,7 @@ std::optional<double> DelayStatistics::minOfNumbers(const std::vector<double>& n
     return minimum;
 }
 
-double DelayStatistics::maxOfNumbers(const std::vector<double>& numbers) {
+double DelayStatistics::maxOfNumbers(std::span<const double> numbers) {
     if (numbers.empty())
         return 0;
     double maximum = numbers.front();
@@ -29,7 +29,7 @@ double DelayStatistics::maxOfNumbers(const std::vector<double>& numbers) {
     return maximum;
 }
 
-double DelayStatistics::calculateAverageOfNumbers(const std::vector<double>& numbers) {
+double DelayStatistics::calculateAverageOfNumbers(std::span<const double> numbers) {
     if (numbers.empty())
         return 0;
     double sum = 0;
@@ -38,7 +38,7 @@ double DelayStatistics::calculateAverageOfNumbers(const std::vector<double>& num
     return sum / static_cast<double>(numbers.size());
 }
 
-double DelayStatistics::computeAvgOfNumbers(const std::vector<double>& numbers) {
+double DelayStatistics::computeAvgOfNumbers(std::span<const double> numbers) {
     if (numbers.empty())
         return 0;
     if (numbers.size() <= kUntrimmedSamples)
@@ -59,7 +59,7 @@ double DelayStatistics::computeAvgOfNumbers(const std::vector<double>& numbers) 
     return (sum - maximum - minimum) / static_cast<double>(count - 2);
 }
 
-double DelayStatistics::deviationOfNumbers(const std::vector<double>& numbers) {
+double DelayStatistics::deviationOfNumbers(std::span<const double> numbers) {
     std::vector<Number> boxed(numbers.begin(), numbers.end());
     return collections::deviationOfNumbers(boxed).doubleValue();
 }

@@ -20,6 +20,7 @@
 #include "lmkit/platform/Clock.hpp"
 #include "lmkit/platform/Localized.hpp"
 #include "nodes/NodeSelectorShared.hpp"
+#include "nodes/ProbeKeys.hpp"
 
 namespace lmkit {
 
@@ -56,7 +57,8 @@ NodeSelector::NodeSelector(long bindedInterfaceType, std::optional<DispatchQueue
       bindedInterfaceType_(bindedInterfaceType),
       socketDelegateQueue_(DispatchQueue::global(QoS::Default)),
       sendPacketQueue_(DispatchQueue::global(QoS::UserInitiated)),
-      dispatchQueue_(std::move(dispatchQueue)) {}
+      dispatchQueue_(std::move(dispatchQueue)),
+      keys_(std::make_unique<ProbeKeys>()) {}
 
 std::shared_ptr<NodeSelector> NodeSelector::create() {
     std::shared_ptr<NodeSelector> selector(new NodeSelector(kInterfaceAny, std::nullopt));
@@ -376,35 +378,24 @@ void NodeSelector::start(const Nodes& nodes, std::shared_ptr<AccConfig> accConfi
 
 void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
                          std::shared_ptr<AccConfig> accConfig) {
-    entryIndex_.clear();
-    entries_.clear();
-    // At most one entry per node: reserved once, the entries never move while the index views
-    // their keys.
-    entries_.reserve(nodes.size());
-    entryIndex_.reserve(nodes.size());
     scoringSettings_ = ScoringSettings::current();
     auto servers = std::make_shared<std::vector<std::string>>();
+    servers->reserve(nodes.size());
     long probePort = port();
     // Each key's delays are known in number: no growth on the reply path.
-    const auto probes = static_cast<std::size_t>(std::max(sendPacketCount(), 1L));
+    const std::size_t nodeCount = nodes.size();
+    keys_->reset(std::move(nodes), static_cast<std::size_t>(std::max(sendPacketCount(), 1L)));
     std::string key;
-    for (const auto& node : nodes) {
+    for (std::uint32_t n = 0; n < nodeCount; ++n) {
+        const auto& node = keys_->nodes()[n];
         if (!node)
             continue;
         std::string server = node->safePingServer();
         probe::assignKeyWithHost(key, server, probePort);
-        KeyEntry* entry = entryForKey(key);
-        if (!entry) {
-            entry = &entries_.emplace_back();
-            entry->key = key;
-            entry->delays.reserve(probes);
-            entryIndex_.emplace(entry->key, entries_.size() - 1);
-            // One port for the whole run: a new key is a new server.
+        // One port for the whole run: a new key is a new server.
+        if (keys_->add(key, n).second)
             servers->push_back(std::move(server));
-        }
-        entry->nodes.push_back(node);
     }
-
     std::string startLine;
     {
         std::lock_guard guard(mutex_);
@@ -424,7 +415,7 @@ void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
         computingStatus_ = kStatusIdle;
         repeatSendCount_ = sendPacketCount_;
         costTimeOfSendPackets_ = 0;
-        keyCount_ = entries_.size();
+        keyCount_ = keys_->size();
         uniquePingServers_ = servers;
 
         long n = static_cast<long>(servers->size());
@@ -439,7 +430,7 @@ void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
             startLine = fmt::format(
                 "[NodeSelector] Start, nodes count:{}, ping servers count:{}，packet timeout:{}ms, "
                 "delayMode:{}",
-                nodes.size(), n, static_cast<long>(packetReceiveTimeout_ * 1000),
+                nodeCount, n, static_cast<long>(packetReceiveTimeout_ * 1000),
                 delayMode_ == kDelayModeAvg   ? "avg"
                 : delayMode_ == kDelayModeMin ? "min"
                                               : "null");

@@ -14,6 +14,7 @@
 #include "lmkit/nodes/ProbePacket.hpp"
 #include "lmkit/platform/Clock.hpp"
 #include "nodes/NodeSelectorShared.hpp"
+#include "nodes/ProbeKeys.hpp"
 
 namespace lmkit {
 
@@ -42,9 +43,7 @@ void NodeSelector::finishRun(std::uint64_t generation) {
         config = accConfig_;
         probePort = port_ == 0 ? probe::kDefaultProbePort : port_;
     }
-    Nodes all;
-    for (const auto& entry : entries_)
-        all.insert(all.end(), entry.nodes.begin(), entry.nodes.end());
+    Nodes all = keys_->allNodes();
     sortAndLogNodes(all);
     std::optional<Number> gap;
     if (mode != kModeTestMultipath)
@@ -60,13 +59,12 @@ void NodeSelector::finishRun(std::uint64_t generation) {
     auto best = chosen.empty() ? nullptr : chosen.front();
 
     std::string bestKey;
-    const KeyEntry* entry = nullptr;
+    auto k = ProbeKeys::kNone;
     if (best) {
         bestKey = probe::constructKeyWithHost(best->safePingServer(), probePort);
-        entry = entryForKey(bestKey);
+        k = keys_->find(bestKey);
     }
-    static const std::vector<double> kNoDelays;
-    const auto& delays = entry ? entry->delays : kNoDelays;
+    const auto delays = k == ProbeKeys::kNone ? std::span<const double>() : keys_->delays(k);
     std::optional<double> delay;
     if (delayMode == kDelayModeMin)
         delay = DelayStatistics::minOfNumbers(delays);
@@ -78,7 +76,7 @@ void NodeSelector::finishRun(std::uint64_t generation) {
         float rearDelay = best->rearDelay ? best->rearDelay->floatValue() : 0.0f;
         delay = static_cast<double>(static_cast<float>(*delay) + rearDelay);
     }
-    long received = entry ? entry->receivedCount : 0;
+    long received = k == ProbeKeys::kNone ? 0 : keys_->receivedCount(k);
     double loss =
         static_cast<double>(static_cast<float>(count - received) / static_cast<float>(count));
     if (loss < 0)
@@ -96,7 +94,7 @@ void NodeSelector::finishRun(std::uint64_t generation) {
     log::info(fmt::format(
         "[NodeSelector] Finish, nodes:{}, ping servers:{}, best:{}, delay:{:.3f}ms, loss:{:.2f}, "
         "deviation:{:.2f}, late replies:{}, duplicate replies:{}, time:{:.1f}ms",
-        all.size(), entries_.size(), bestKey.empty() ? "(none)" : bestKey, *delay, loss, deviation,
+        all.size(), keys_->size(), bestKey.empty() ? "(none)" : bestKey, *delay, loss, deviation,
         lateReplies_.load(), duplicateReplies_.load(), elapsed * 1000));
 
     std::string configPing = config ? formatNumber(config->ping) : "null";

@@ -14,6 +14,7 @@
 #include "lmkit/nodes/ProbePacket.hpp"
 #include "lmkit/platform/Clock.hpp"
 #include "nodes/NodeSelectorShared.hpp"
+#include "nodes/ProbeKeys.hpp"
 
 namespace lmkit {
 
@@ -112,30 +113,24 @@ void NodeSelector::recordDelays(std::uint64_t generation, const std::vector<Repl
             continue;
         }
         probe::assignKeyWithHost(key, reply.host, reply.port);
-        KeyEntry* entry = entryForKey(key);
-        if (!entry && !reply.ipv6Host.empty()) {
+        auto k = keys_->find(key);
+        if (k == ProbeKeys::kNone && !reply.ipv6Host.empty()) {
             probe::assignKeyWithHost(key, reply.ipv6Host, reply.port);
-            entry = entryForKey(key);
+            k = keys_->find(key);
         }
-        if (!entry)
+        if (k == ProbeKeys::kNone)
             continue;
-        if (static_cast<long>(entry->delays.size()) >= count)
+        const auto received = static_cast<long>(keys_->addDelay(k, reply.delay));
+        if (received > count)
             duplicateReplies_.fetch_add(1);
-        entry->delays.push_back(reply.delay);
-        ++entry->receivedCount;
-        if (static_cast<long>(entry->delays.size()) == count)
-            computeScoreOfObjectInDelayContainerWithKey(*entry);
+        if (received == count)
+            computeScoreOfObjectInDelayContainerWithKey(k);
     }
-}
-
-NodeSelector::KeyEntry* NodeSelector::entryForKey(std::string_view key) {
-    auto found = entryIndex_.find(key);
-    return found == entryIndex_.end() ? nullptr : &entries_[found->second];
 }
 
 // Scoring.
 
-void NodeSelector::computeScoreOfObjectInDelayContainerWithKey(KeyEntry& entry) {
+void NodeSelector::computeScoreOfObjectInDelayContainerWithKey(std::uint32_t k) {
     long delayMode, count;
     bool rear;
     std::shared_ptr<AccConfig> config;
@@ -146,19 +141,21 @@ void NodeSelector::computeScoreOfObjectInDelayContainerWithKey(KeyEntry& entry) 
         rear = enableRearDelay_;
         config = accConfig_;
     }
+    const auto delays = keys_->delays(k);
     std::optional<double> d;
     if (delayMode == kDelayModeMin)
-        d = DelayStatistics::minOfNumbers(entry.delays);
+        d = DelayStatistics::minOfNumbers(delays);
     else if (delayMode == kDelayModeAvg)
-        d = DelayStatistics::computeAvgOfNumbers(entry.delays);
+        d = DelayStatistics::computeAvgOfNumbers(delays);
     if (!d || !(*d > 0))
         d = kFallbackDelay;
-    const float loss = static_cast<float>(count - entry.receivedCount) / static_cast<float>(count);
-    const double minimum = DelayStatistics::minOfNumbers(entry.delays).value_or(0);
-    const double maximum = DelayStatistics::maxOfNumbers(entry.delays);
-    const double average = DelayStatistics::calculateAverageOfNumbers(entry.delays);
-    const double deviation = DelayStatistics::computeDeviationOfDelay(entry.delays);
-    for (const auto& node : entry.nodes) {
+    const float loss =
+        static_cast<float>(count - keys_->receivedCount(k)) / static_cast<float>(count);
+    const double minimum = DelayStatistics::minOfNumbers(delays).value_or(0);
+    const double maximum = DelayStatistics::maxOfNumbers(delays);
+    const double average = DelayStatistics::calculateAverageOfNumbers(delays);
+    const double deviation = DelayStatistics::computeDeviationOfDelay(delays);
+    keys_->forEachNode(k, [&](const std::shared_ptr<AccNode>& node) {
         double scored = *d;
         if (rear) {
             float rearDelay = node->rearDelay ? node->rearDelay->floatValue() : 0.0f;
@@ -176,8 +173,8 @@ void NodeSelector::computeScoreOfObjectInDelayContainerWithKey(KeyEntry& entry) 
         node->avgDelay = average;
         node->deviation = deviation;
         node->loss = static_cast<double>(loss);
-    }
-    entry.scored = true;
+    });
+    keys_->setScored(k);
     long counter;
     {
         std::lock_guard guard(mutex_);
@@ -238,27 +235,27 @@ void NodeSelector::packetReceiveTimeoutHandler(std::uint64_t generation) {
         return;
     // Keys still waiting for replies are scored first, so that the run completes exactly when
     // every key has a score; a complete key scored again would give the same values.
-    std::vector<KeyEntry*> order;
-    order.reserve(entries_.size());
-    for (auto& entry : entries_)
-        if (!entry.scored)
-            order.push_back(&entry);
-    for (auto& entry : entries_)
-        if (entry.scored)
-            order.push_back(&entry);
+    const auto keyCount = static_cast<std::uint32_t>(keys_->size());
+    std::vector<std::uint32_t> order;
+    order.reserve(keyCount);
+    for (std::uint32_t k = 0; k < keyCount; ++k)
+        if (!keys_->scored(k))
+            order.push_back(k);
+    for (std::uint32_t k = 0; k < keyCount; ++k)
+        if (keys_->scored(k))
+            order.push_back(k);
     long silent = 0;
-    for (KeyEntry* entry : order) {
+    for (std::uint32_t k : order) {
         if (computingStatus_.load() == kStatusFinished)
             break;
-        if (entry->receivedCount == 0) {
+        if (keys_->receivedCount(k) == 0) {
             ++silent;
-            log::debug("[NodeSelector] All packets lost node: " + entry->key);
+            log::debug(fmt::format("[NodeSelector] All packets lost node: {}", keys_->key(k)));
         }
-        computeScoreOfObjectInDelayContainerWithKey(*entry);
+        computeScoreOfObjectInDelayContainerWithKey(k);
     }
     if (silent > 0)
-        log::info(fmt::format("[NodeSelector] All packets lost nodes: {} of {}", silent,
-                              entries_.size()));
+        log::info(fmt::format("[NodeSelector] All packets lost nodes: {} of {}", silent, keyCount));
 }
 
 }  // namespace lmkit

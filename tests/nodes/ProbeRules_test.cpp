@@ -6,6 +6,7 @@
 #include "lmkit/nodes/DelayStatistics.hpp"
 #include "lmkit/nodes/ProbePacing.hpp"
 #include "lmkit/nodes/ProbePacket.hpp"
+#include "nodes/ProbeKeys.hpp"
 
 using namespace lmkit;
 using probe::ProbeReply;
@@ -92,18 +93,56 @@ TEST(ProbePacing, GroupCountsIntervalsAndTimeouts) {
 }
 
 TEST(DelayStatistics, MeansMinimaAndDeviation) {
-    EXPECT_EQ(DelayStatistics::computeAvgOfNumbers({10, 20, 30, 40, 50, 1000}), 35);
-    EXPECT_EQ(DelayStatistics::computeAvgOfNumbers({10, 20, 30}), 20);
+    using D = std::vector<double>;
+    EXPECT_EQ(DelayStatistics::computeAvgOfNumbers(D{10, 20, 30, 40, 50, 1000}), 35);
+    EXPECT_EQ(DelayStatistics::computeAvgOfNumbers(D{10, 20, 30}), 20);
     // Only one copy of a repeated extreme is dropped.
-    EXPECT_EQ(DelayStatistics::computeAvgOfNumbers({5, 5, 5, 9, 9, 9}), 7);
+    EXPECT_EQ(DelayStatistics::computeAvgOfNumbers(D{5, 5, 5, 9, 9, 9}), 7);
     EXPECT_EQ(DelayStatistics::computeAvgOfNumbers({}), 0);
-    EXPECT_EQ(DelayStatistics::minOfNumbers({10, 20, 30}), 10);
+    EXPECT_EQ(DelayStatistics::minOfNumbers(D{10, 20, 30}), 10);
     EXPECT_FALSE(DelayStatistics::minOfNumbers({}).has_value());
-    EXPECT_EQ(DelayStatistics::maxOfNumbers({10, 30, 20}), 30);
+    EXPECT_EQ(DelayStatistics::maxOfNumbers(D{10, 30, 20}), 30);
 
-    EXPECT_EQ(DelayStatistics::deviationOfNumbers({5, 0, 7}), 9999);
-    EXPECT_EQ(DelayStatistics::deviationOfNumbers({10, 20}), 5);
+    EXPECT_EQ(DelayStatistics::deviationOfNumbers(D{5, 0, 7}), 9999);
+    EXPECT_EQ(DelayStatistics::deviationOfNumbers(D{10, 20}), 5);
     EXPECT_EQ(DelayStatistics::deviationOfNumbers({}), 0);
     // sqrt(2/9) = 0.4714...: cut, not rounded.
-    EXPECT_EQ(DelayStatistics::deviationOfNumbers({1, 1, 2}), 0.47);
+    EXPECT_EQ(DelayStatistics::deviationOfNumbers(D{1, 1, 2}), 0.47);
+}
+
+// A run's keys: several nodes may share one, replies find it by text, and a key echoed more
+// often than probed keeps every delay in arrival order. A reused table forgets the last run.
+TEST(ProbeKeys, NodesDelaysAndDuplicatesPerKey) {
+    ProbeKeys keys;
+    for (int run = 0; run < 2; ++run) {
+        std::vector<std::shared_ptr<AccNode>> nodes;
+        for (int i = 0; i < 300; ++i) {
+            nodes.push_back(std::make_shared<AccNode>());
+            nodes.back()->ip = "10.0." + std::to_string(i / 3) + ".1";  // three nodes per key
+        }
+        nodes.push_back(nullptr);
+        keys.reset(nodes, 2);
+        for (ProbeKeys::Index n = 0; n < 300; ++n)
+            EXPECT_EQ(keys.add(*nodes[n]->ip + ":9", n).second, n % 3 == 0);
+        ASSERT_EQ(keys.size(), 100u);
+
+        const auto k = keys.find("10.0.42.1:9");
+        ASSERT_NE(k, ProbeKeys::kNone);
+        EXPECT_EQ(keys.key(k), "10.0.42.1:9");
+        std::vector<std::shared_ptr<AccNode>> shared;
+        keys.forEachNode(k, [&](const auto& node) { shared.push_back(node); });
+        EXPECT_EQ(shared, (std::vector{nodes[126], nodes[127], nodes[128]}));
+        EXPECT_EQ(keys.find("10.0.42.1:10"), ProbeKeys::kNone);
+        EXPECT_EQ(keys.find("10.0.100.1:9"), ProbeKeys::kNone);
+
+        EXPECT_EQ(keys.addDelay(k, 3), 1u);
+        EXPECT_EQ(keys.addDelay(k, 1), 2u);
+        EXPECT_EQ(keys.addDelay(k, 2), 3u);
+        const auto delays = keys.delays(k);
+        EXPECT_EQ(std::vector<double>(delays.begin(), delays.end()),
+                  (std::vector<double>{3, 1, 2}));
+        EXPECT_EQ(keys.receivedCount(k), 3);
+        EXPECT_TRUE(keys.delays(k + 1).empty());
+        EXPECT_EQ(keys.allNodes().size(), 300u);
+    }
 }

@@ -9,8 +9,6 @@
 #include <optional>
 #include <random>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "lmkit/models/AccConfig.hpp"
@@ -22,6 +20,8 @@
 #include "lmkit/platform/WeakTimer.hpp"
 
 namespace lmkit {
+
+class ProbeKeys;
 
 /// Probes acceleration nodes over UDP and picks the best (Best Node), measures a node set for
 /// multipath use (Test Multipath) or measures one address (Test Ping).
@@ -198,13 +198,6 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     static void logBestNodes(const Nodes& nodes, std::size_t logCount, bool markPrefix);
 
   private:
-    struct KeyEntry {
-        std::string key;             // "host:port", as logs and traces show it
-        Nodes nodes;                 // computeContainer[key]
-        long receivedCount = 0;      // delayContainer[key]["receivedCount"]
-        std::vector<double> delays;  // delayContainer[key]["delays"]
-        bool scored = false;
-    };
     class SocketEvents;
     friend class SocketEvents;
 
@@ -230,9 +223,8 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
         std::string ipv6Host;
     };
     void recordDelays(std::uint64_t generation, const std::vector<Reply>& replies);
-    void computeScoreOfObjectInDelayContainerWithKey(KeyEntry& entry);
-    /// The entry counted under `key`; nullptr for an address the run did not probe.
-    KeyEntry* entryForKey(std::string_view key);
+    /// Scores every node of key `k` from the key's delays.
+    void computeScoreOfObjectInDelayContainerWithKey(std::uint32_t k);
     void finishRun(std::uint64_t generation);
     /// At debug level, logs every candidate's terms and the draws of `trace`.
     void explainChoice(const Nodes& nodes, const std::shared_ptr<AccConfig>& config, long probePort,
@@ -299,10 +291,8 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     std::uint64_t generation_ = 0;
 
     // Data queue only.
-    ScoringSettings scoringSettings_;  // read when the run is set up
-    std::vector<KeyEntry> entries_;    // one per probe key, in node order; never reallocated
-                                       // during a run, so entryIndex_ can view their keys
-    std::unordered_map<std::string_view, std::size_t> entryIndex_;
+    ScoringSettings scoringSettings_;        // read when the run is set up
+    const std::unique_ptr<ProbeKeys> keys_;  // the run's keys, in node order
 };
 
 }  // namespace lmkit
