@@ -1,7 +1,7 @@
 // Choosing the nodes a run hands back, and the result logs.
 #include <algorithm>
+#include <bit>
 #include <cmath>
-#include <unordered_set>
 #include <utility>
 
 #include <fmt/format.h>
@@ -38,17 +38,30 @@ void shuffleFirst(Nodes& nodes, std::size_t count, std::mt19937_64& random,
 }
 
 // Keeps one node per address: the first one offered. A set, not a scan of the result, because
-// a run over thousands of nodes has as many buckets.
+// a run over thousands of nodes has as many buckets; an open-addressing table of the nodes' own
+// address strings, so that admitting thousands costs one allocation, not one each.
 class OnePerAddress {
   public:
+    explicit OnePerAddress(std::size_t candidates)
+        : slots_(std::bit_ceil(std::max<std::size_t>(2 * candidates, 16)), nullptr) {}
+
+    // `ip` must outlive this set; at most `candidates` distinct addresses are offered.
     bool admit(const std::optional<std::string>& ip) {
         if (!ip)
             return !std::exchange(sawNoAddress_, true);
-        return seen_.insert(*ip).second;
+        const std::size_t mask = slots_.size() - 1;
+        for (std::size_t slot = std::hash<std::string>{}(*ip) & mask;; slot = (slot + 1) & mask) {
+            if (!slots_[slot]) {
+                slots_[slot] = &*ip;
+                return true;
+            }
+            if (*slots_[slot] == *ip)
+                return false;
+        }
     }
 
   private:
-    std::unordered_set<std::string> seen_;
+    std::vector<const std::string*> slots_;
     bool sawNoAddress_ = false;
 };
 
@@ -100,7 +113,8 @@ NodeSelector::Nodes NodeSelector::chooseBestNodes(const Nodes& nodes, long mode,
     };
 
     Nodes result;
-    OnePerAddress addresses;
+    result.reserve(scored.size());
+    OnePerAddress addresses(scored.size());
     if (!scored.empty() && bucketEnd(0) == scored.size()) {
         Nodes bucket;
         bucket.reserve(scored.size());
