@@ -42,7 +42,11 @@ TEST_F(DecodeCommandTest, ShowsPropertiesValuesKeptAsTheyStandAndIgnoredKeys) {
 TEST_F(DecodeCommandTest, BadInputIsOneLineAndExitOne) {
     for (const std::string& args :
          {std::string("Game /dev/zero --max-bytes 100000"),
-          "Game " + write("{\"gid\":", "cut.json"), "NoSuchType " + write("{}", "empty.json"),
+          // A regular file is mapped, not read: its limit and an empty one still fail cleanly.
+          "Game " + write(R"({"gid":101,"name":"a name longer than the limit"})", "big.json") +
+              " --max-bytes 20",
+          "Game " + write("", "nothing.json"), "Game " + write("{\"gid\":", "cut.json"),
+          "NoSuchType " + write("{}", "empty.json"),
           "AccAPIResponseObject " + write(R"({"acc":[1]})", "doc.json")}) {
         int status = -1;
         auto out = run(args, &status, true);

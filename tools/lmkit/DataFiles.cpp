@@ -1,6 +1,9 @@
 #include "DataFiles.hpp"
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -16,6 +19,14 @@ namespace {
 
 bool isStandardStream(const std::string& path) {
     return path.empty() || path == "-";
+}
+
+[[noreturn]] void throwTooLarge(const std::string& path, std::uint64_t maxBytes,
+                                std::string_view limitOption) {
+    throw Failure(
+        (isStandardStream(path) ? std::string("standard input") : path) + " is larger than " +
+        std::to_string(maxBytes) + " bytes" +
+        (limitOption.empty() ? std::string() : " (see " + std::string(limitOption) + ")"));
 }
 
 }  // namespace
@@ -51,13 +62,43 @@ Data readInput(const std::string& path, std::uint64_t maxBytes, std::string_view
         data.reserve(static_cast<std::size_t>(status.st_size));
     readInputChunks(path, [&](const std::uint8_t* bytes, std::size_t count) {
         if (data.size() + count > maxBytes)
-            throw Failure(
-                (isStandardStream(path) ? std::string("standard input") : path) +
-                " is larger than " + std::to_string(maxBytes) + " bytes" +
-                (limitOption.empty() ? std::string() : " (see " + std::string(limitOption) + ")"));
+            throwTooLarge(path, maxBytes, limitOption);
         data.insert(data.end(), bytes, bytes + count);
     });
     return data;
+}
+
+InputText::InputText(const std::string& path, std::uint64_t maxBytes,
+                     std::string_view limitOption) {
+    if (!isStandardStream(path)) {
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat status {};
+        if (fd >= 0 && ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0) {
+            if (static_cast<std::uint64_t>(status.st_size) > maxBytes) {
+                ::close(fd);
+                throwTooLarge(path, maxBytes, limitOption);
+            }
+            const auto size = static_cast<std::size_t>(status.st_size);
+            void* mapped = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
+            ::close(fd);
+            if (mapped != MAP_FAILED) {
+                mapped_ = mapped;
+                mappedBytes_ = size;
+                text_ = std::string_view(static_cast<const char*>(mapped), size);
+                return;
+            }
+        } else if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    // Not a regular file, or one that cannot be mapped: read it, with readInput's errors.
+    read_ = readInput(path, maxBytes, limitOption);
+    text_ = std::string_view(reinterpret_cast<const char*>(read_.data()), read_.size());
+}
+
+InputText::~InputText() {
+    if (mapped_)
+        ::munmap(mapped_, mappedBytes_);
 }
 
 void writeOutputChunks(

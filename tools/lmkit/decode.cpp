@@ -60,15 +60,13 @@ Command decode(
                 throw Failure(fmt::format("unknown record type \"{}\" (see lmkit decode --list)",
                                           options->type));
             // A large document is never held whole in two forms at a time: the text is
-            // released once decoded, and arrays of records are decoded while they are parsed.
+            // unmapped once decoded, and arrays of records are decoded while they are parsed.
             Json rest;
             Error error;
             std::shared_ptr<BaseModel> record;
             {
-                const Data input = readInput(options->input, options->maxBytes, "--max-bytes");
-                record = type->decodeText(
-                    std::string_view(reinterpret_cast<const char*>(input.data()), input.size()),
-                    &error, &rest);
+                const InputText input(options->input, options->maxBytes, "--max-bytes");
+                record = type->decodeText(input.text(), &error, &rest);
             }
             if (!record)
                 throw Failure(fmt::format("{}: {}", options->type, error.localizedDescription()));
