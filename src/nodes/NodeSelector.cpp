@@ -378,7 +378,6 @@ void NodeSelector::start(const Nodes& nodes, std::shared_ptr<AccConfig> accConfi
 
 void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
                          std::shared_ptr<AccConfig> accConfig) {
-    scoringSettings_ = ScoringSettings::current();
     auto servers = std::make_shared<std::vector<std::string>>();
     servers->reserve(nodes.size());
     long probePort = port();
@@ -439,6 +438,9 @@ void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
     if (!startLine.empty())
         log::info(startLine);
     sendPacketsDataByGroup(generation);
+    // The settings store is read once the first group has left, so that the probes do not wait
+    // on it. Nothing is scored before this block returns: replies are recorded on this queue.
+    scoringSettings_ = ScoringSettings::current();
 }
 
 // Socket.

@@ -291,7 +291,7 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     std::uint64_t generation_ = 0;
 
     // Data queue only.
-    ScoringSettings scoringSettings_;        // read when the run is set up
+    ScoringSettings scoringSettings_;        // read as the run starts, before any reply counts
     const std::unique_ptr<ProbeKeys> keys_;  // the run's keys, in node order
 };
 
