@@ -22,25 +22,37 @@ using namespace node_selector;
 
 // Sending.
 
-void NodeSelector::appendProbe(std::vector<OutgoingDatagram>& batch, const std::string& host,
-                               long tag) {
+NodeSelector::ProbeOrigin NodeSelector::probeOrigin() {
     std::lock_guard guard(mutex_);
-    // Each probe is stamped just before the group leaves; the stamps still share the run's one
-    // origin, taken at its first probe.
-    double now = Clock::nowMilliseconds();
     if (firstPacketTimeStamp_ == 0)
-        firstPacketTimeStamp_ = now;
-    batch.push_back({probe::makeProbePayload(sendDataPrefix_, firstPacketTimeStamp_, now), host,
-                     static_cast<uint16_t>(port_ == 0 ? probe::kDefaultProbePort : port_), tag});
+        firstPacketTimeStamp_ = Clock::nowMilliseconds();
+    return {sendDataPrefix_, firstPacketTimeStamp_,
+            static_cast<uint16_t>(port_ == 0 ? probe::kDefaultProbePort : port_)};
 }
 
-void NodeSelector::sendProbes(const std::shared_ptr<UdpSocket>& socket,
+void NodeSelector::appendProbe(std::vector<OutgoingDatagram>& batch, const ProbeOrigin& origin,
+                               const std::string& host, long tag) {
+    // Each probe is stamped just before its group leaves; the stamps share the run's origin.
+    batch.push_back({probe::makeProbePayload(origin.prefix, origin.firstPacketTimeStamp,
+                                             Clock::nowMilliseconds()),
+                     host, origin.port, tag});
+}
+
+bool NodeSelector::sendProbes(std::uint64_t generation, const std::shared_ptr<UdpSocket>& socket,
                               const std::vector<OutgoingDatagram>& batch) {
+    {
+        std::lock_guard guard(mutex_);
+        if (generation != generation_)
+            return false;  // stopped, or a newer run took over: its count is not this run's
+    }
     // A refused send comes back as a did-not-send event; the probe still counts as handed over.
     socket->sendDatagrams(batch);
     std::lock_guard guard(mutex_);
+    if (generation != generation_)
+        return false;
     for (std::size_t i = 0; i < batch.size(); ++i)
         setSendedPacketNumber(sendedPacketNumber_ + 1);
+    return true;
 }
 
 void NodeSelector::sendDataToPingServer(const std::string& host, long repeatTime) {
@@ -49,9 +61,15 @@ void NodeSelector::sendDataToPingServer(const std::string& host, long repeatTime
         return;
     std::vector<OutgoingDatagram> batch;
     batch.reserve(static_cast<std::size_t>(repeatTime));
+    std::uint64_t generation;
+    {
+        std::lock_guard guard(mutex_);
+        generation = generation_;
+    }
+    const auto origin = probeOrigin();
     for (long i = 0; i < repeatTime; ++i)
-        appendProbe(batch, host, i);
-    sendProbes(socket, batch);
+        appendProbe(batch, origin, host, i);
+    sendProbes(generation, socket, batch);
 }
 
 void NodeSelector::sendPacketsDataByGroup(std::uint64_t generation) {
@@ -79,34 +97,25 @@ void NodeSelector::sendPacketsDataByGroup(std::uint64_t generation) {
         long lastIndex = total;  // one burst leaves nothing for a later tick
         std::vector<OutgoingDatagram> batch;
         if (groups <= 1) {
-            // One burst: handed over a system call's worth at a time, so that tens of thousands
-            // of probes are never all in memory at once.
-            batch.reserve(kProbesPerSendCall);
-            for (const auto& server : *servers) {
-                for (long i = 0; i < count; ++i) {
-                    appendProbe(batch, server, i);
-                    if (batch.size() == kProbesPerSendCall) {
-                        sendProbes(socket, batch);
-                        batch.clear();
-                    }
-                }
-            }
+            sendBurst(generation, socket, *servers, count);
         } else {
             const long perGroup = pacing::probesPerGroup(total, groups, n);
             if (index * perGroup >= total)
                 return;
             batch.reserve(static_cast<std::size_t>(perGroup));
+            const auto origin = probeOrigin();
             // Round-robin: one probe per server per pass, so a slow group never starves a server.
             for (long j = 0; j < perGroup; ++j) {
                 long i = j + index * perGroup;
                 if (i >= total)
                     break;
-                appendProbe(batch, (*servers)[static_cast<std::size_t>(i % n)], i / n);
+                appendProbe(batch, origin, (*servers)[static_cast<std::size_t>(i % n)], i / n);
                 lastIndex = i;
             }
         }
         // The group leaves in one system call, so its last probe is not held back by its first.
-        sendProbes(socket, batch);
+        if (!batch.empty())
+            sendProbes(generation, socket, batch);
         {
             std::lock_guard guard(mutex_);
             if (generation != generation_)
@@ -138,6 +147,27 @@ void NodeSelector::sendPacketsDataByGroup(std::uint64_t generation) {
             }
         }
     }
+}
+
+void NodeSelector::sendBurst(std::uint64_t generation, const std::shared_ptr<UdpSocket>& socket,
+                             const std::vector<std::string>& servers, long count) {
+    const auto origin = probeOrigin();
+    // A system call's worth at a time, so that tens of thousands of probes are never all in
+    // memory at once.
+    std::vector<OutgoingDatagram> batch;
+    batch.reserve(kProbesPerSendCall);
+    for (const auto& server : servers) {
+        for (long i = 0; i < count; ++i) {
+            appendProbe(batch, origin, server, i);
+            if (batch.size() == kProbesPerSendCall) {
+                if (!sendProbes(generation, socket, batch))
+                    return;
+                batch.clear();
+            }
+        }
+    }
+    if (!batch.empty())
+        sendProbes(generation, socket, batch);
 }
 
 void NodeSelector::setSendedPacketNumber(long value) {

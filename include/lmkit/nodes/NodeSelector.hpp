@@ -208,10 +208,23 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
                BestNodeNotifyBlock success, FailureBlock failure);
     void setUp(std::uint64_t generation, Nodes nodes, std::shared_ptr<AccConfig> accConfig);
     void sendPacketsDataByGroup(std::uint64_t generation);
+    /// Sends a one-burst run: `count` probes to each of `servers`.
+    void sendBurst(std::uint64_t generation, const std::shared_ptr<UdpSocket>& socket,
+                   const std::vector<std::string>& servers, long count);
+    /// What every probe of a run shares: its prefix, its port and the run's one origin (taken
+    /// when the first probe is stamped).
+    struct ProbeOrigin {
+        std::string prefix;
+        double firstPacketTimeStamp;
+        std::uint16_t port;
+    };
+    ProbeOrigin probeOrigin();
     /// Stamps one probe to `host` and adds it to `batch`.
-    void appendProbe(std::vector<OutgoingDatagram>& batch, const std::string& host, long tag);
-    /// Hands a group's probes to the socket in one call, then counts each as sent.
-    void sendProbes(const std::shared_ptr<UdpSocket>& socket,
+    static void appendProbe(std::vector<OutgoingDatagram>& batch, const ProbeOrigin& origin,
+                            const std::string& host, long tag);
+    /// Hands a group's probes to the socket in one call, then counts each as sent; false (and
+    /// nothing sent or counted) once run `generation` is over.
+    bool sendProbes(std::uint64_t generation, const std::shared_ptr<UdpSocket>& socket,
                     const std::vector<OutgoingDatagram>& batch);
     void packetReceiveTimeoutHandler(std::uint64_t generation);
     struct Reply {
