@@ -300,7 +300,8 @@ RunResult runSelection(EchoChild& echoes, uint16_t port, const std::vector<std::
 
 // The plain alternative: one socket with the kit's receive buffer, each server's probes joined
 // into one segmented message (UDP_SEGMENT) as the kit joins them, sent in sendmmsg batches,
-// replies read with recvmmsg until all are back, each matched to its server and its delay
+// replies read with recvmmsg (joined by the kernel where it can, as the kit reads them) until
+// all are back, each matched to its server and its delay
 // computed from the echoed stamp as the kit does.
 struct RawResult {
     double cpuPerProbeUs = 0;
@@ -374,11 +375,20 @@ RawResult rawProbe(uint16_t port, int servers) {
     }
     result.sendMs = ms(Steady::now() - start);
     std::unordered_map<uint32_t, std::vector<double>> delays;
+    // Replies are taken joined where the kernel joins them (UDP_GRO), as the kit takes them,
+    // and cut at the segment size.
+    int on = 1;
+    setsockopt(fd, IPPROTO_UDP, UDP_GRO, &on, sizeof on);
     constexpr unsigned kBatch = 64;
-    std::vector<char> data(kBatch * 64);
+    constexpr size_t kSlotBytes = 2048;
+    std::vector<char> data(kBatch * kSlotBytes);
     std::vector<iovec> in(kBatch);
     std::vector<mmsghdr> messages(kBatch);
     std::vector<sockaddr_in> sources(kBatch);
+    struct alignas(cmsghdr) ReplyControl {
+        char bytes[CMSG_SPACE(sizeof(int))];
+    };
+    std::vector<ReplyControl> replyControls(kBatch);
     auto deadline =
         Steady::now() + std::chrono::milliseconds(static_cast<int>(kLargestInjectedMs) + 1000);
     while (result.replies < total && Steady::now() < deadline) {
@@ -386,20 +396,33 @@ RawResult rawProbe(uint16_t port, int servers) {
         if (poll(&waiter, 1, 50) <= 0)
             continue;
         for (unsigned i = 0; i < kBatch; ++i) {
-            in[i] = {data.data() + i * 64, 64};
+            in[i] = {data.data() + i * kSlotBytes, kSlotBytes};
             messages[i].msg_hdr = {};
             messages[i].msg_hdr.msg_iov = &in[i];
             messages[i].msg_hdr.msg_iovlen = 1;
             messages[i].msg_hdr.msg_name = &sources[i];
             messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+            messages[i].msg_hdr.msg_control = replyControls[i].bytes;
+            messages[i].msg_hdr.msg_controllen = sizeof replyControls[i].bytes;
         }
         int n = recvmmsg(fd, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
         const double now = realtimeMs();
         for (int i = 0; i < n; ++i) {
-            std::string text(static_cast<char*>(in[i].iov_base), messages[i].msg_len);
-            double stamp = std::strtod(text.c_str(), nullptr);
-            delays[sources[i].sin_addr.s_addr].push_back(now - (stamp + origin));
-            ++result.replies;
+            const size_t length = messages[i].msg_len;
+            size_t segment = length;
+            if (cmsghdr* c = CMSG_FIRSTHDR(&messages[i].msg_hdr);
+                c && c->cmsg_level == SOL_UDP && c->cmsg_type == UDP_GRO) {
+                int size = 0;
+                std::memcpy(&size, CMSG_DATA(c), sizeof size);
+                segment = static_cast<size_t>(size);
+            }
+            for (size_t at = 0; at < length; at += segment) {
+                std::string text(static_cast<char*>(in[i].iov_base) + at,
+                                 std::min(segment, length - at));
+                double stamp = std::strtod(text.c_str(), nullptr);
+                delays[sources[i].sin_addr.s_addr].push_back(now - (stamp + origin));
+                ++result.replies;
+            }
         }
     }
     if (result.replies == total)

@@ -108,8 +108,11 @@ std::vector<SegmentedMessage> joinForSegmentation(const std::vector<iovec>& vect
     return messages;
 }
 
-// Room for one SCM_TIMESTAMPNS control message per received datagram.
-constexpr size_t kControlBytes = CMSG_SPACE(sizeof(timespec));
+// Room for a message's SCM_TIMESTAMPNS and UDP_GRO control messages.
+constexpr size_t kControlBytes = CMSG_SPACE(sizeof(timespec)) + CMSG_SPACE(sizeof(int));
+// The most a joined message (UDP_GRO) can hold: one IP packet's worth of segments. Each receive
+// slot has room for one; only the pages a message reaches are ever touched.
+constexpr size_t kMaxMessageBytes = 65536;
 
 // Asks the kernel to stamp every datagram on arrival. Without it the receive time is whatever the
 // clock says when a pool thread gets round to reading, which a busy process inflates.
@@ -128,6 +131,27 @@ std::optional<double> kernelReceiveTime(const msghdr& header) {
         }
     }
     return std::nullopt;
+}
+
+// Lets the kernel hand over back-to-back datagrams of one flow as one message (UDP_GRO): a node's
+// echoes coalesced by the network card, or on loopback a sender's segmented message taken whole,
+// cost one read and one buffer instead of one each. drainSocket cuts them apart again.
+bool takeJoinedMessages(int fd) {
+    int on = 1;
+    return setsockopt(fd, IPPROTO_UDP, UDP_GRO, &on, sizeof on) == 0;
+}
+
+// The segment size of a message the kernel joined (UDP_GRO); 0 for a single datagram.
+std::size_t joinedSegmentSize(const msghdr& header) {
+    for (const cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr;
+         c = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(c))) {
+        if (c->cmsg_level == SOL_UDP && c->cmsg_type == UDP_GRO) {
+            int size = 0;
+            std::memcpy(&size, CMSG_DATA(c), sizeof size);
+            return size > 0 ? static_cast<std::size_t>(size) : 0;
+        }
+    }
+    return 0;
 }
 
 Error posixError(int code) {
@@ -231,7 +255,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
     std::optional<asio::posix::stream_descriptor> descriptor;
     bool receiving = false;
     bool waitQueued = false;  // an async_wait for readability is outstanding
-    // Room for a batch of the largest datagrams, left uninitialised: the kernel writes only what
+    // Room for a batch of the largest messages, left uninitialised: the kernel writes only what
     // arrives. Each slot is a head, packed with the other heads at the front, and a tail that
     // only a datagram longer than the head reaches; so a socket that reads probes and echoes of
     // a few dozen bytes touches the heads' four pages, not a page per slot (each first touch of
@@ -391,6 +415,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         getsockname(newFd, reinterpret_cast<sockaddr*>(&bound), &boundLength);
         enlargeReceiveBuffer(newFd, kDefaultReceiveBufferBytes);
         enableReceiveTimestamps(newFd);
+        takeJoinedMessages(newFd);
 
         int segmentSize = 0;
         socklen_t optionLength = sizeof segmentSize;
@@ -421,7 +446,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         if (receiving || !descriptor)
             return;
         receiving = true;
-        receiveBuffer.reset(new uint8_t[kReceiveBatch * kMaxDatagramBytes]);
+        receiveBuffer.reset(new uint8_t[kReceiveBatch * kMaxMessageBytes]);
         receiveLoop();
     }
 
@@ -469,7 +494,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         bool drained = false;
         std::vector<Datagram> batch;
         for (int round = 0; round < kBatchesPerWakeup; ++round) {
-            constexpr std::size_t kTailBytes = kMaxDatagramBytes - kHeadBytes;
+            constexpr std::size_t kTailBytes = kMaxMessageBytes - kHeadBytes;
             uint8_t* const tails = receiveBuffer.get() + kReceiveBatch * kHeadBytes;
             for (unsigned i = 0; i < kReceiveBatch; ++i) {
                 vectors[2 * i] = {receiveBuffer.get() + i * kHeadBytes, kHeadBytes};
@@ -493,14 +518,31 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
                 const auto* head = static_cast<const uint8_t*>(vectors[2 * i].iov_base);
                 const auto* tail = static_cast<const uint8_t*>(vectors[2 * i + 1].iov_base);
                 const std::size_t length = messages[i].msg_len;
-                Datagram datagram;
-                datagram.data.reserve(length);
-                datagram.data.assign(head, head + std::min(length, kHeadBytes));
-                if (length > kHeadBytes)
-                    datagram.data.insert(datagram.data.end(), tail, tail + (length - kHeadBytes));
-                datagram.source = describeSource(sources[i]);
-                datagram.receiveTime = kernelReceiveTime(messages[i].msg_hdr).value_or(readTime);
-                batch.push_back(std::move(datagram));
+                const std::size_t joined = joinedSegmentSize(messages[i].msg_hdr);
+                const std::size_t segment = joined == 0 ? length : std::min(joined, length);
+                const SocketAddress source = describeSource(sources[i]);
+                const double arrived = kernelReceiveTime(messages[i].msg_hdr).value_or(readTime);
+                // A joined message holds back-to-back datagrams of `segment` bytes, the last
+                // one possibly shorter: each is handed on as the datagram it was.
+                std::size_t offset = 0;
+                do {
+                    const std::size_t size = std::min(segment, length - offset);
+                    Datagram datagram;
+                    datagram.data.resize(std::min(size, kMaxDatagramBytes));
+                    const std::size_t fromHead =
+                        offset < kHeadBytes ? std::min(datagram.data.size(), kHeadBytes - offset)
+                                            : 0;
+                    if (fromHead > 0)
+                        std::memcpy(datagram.data.data(), head + offset, fromHead);
+                    if (datagram.data.size() > fromHead)
+                        std::memcpy(datagram.data.data() + fromHead,
+                                    tail + (offset + fromHead - kHeadBytes),
+                                    datagram.data.size() - fromHead);
+                    datagram.source = source;
+                    datagram.receiveTime = arrived;
+                    batch.push_back(std::move(datagram));
+                    offset += size;
+                } while (offset < length);
             }
             if (count < static_cast<int>(kReceiveBatch)) {
                 drained = true;
