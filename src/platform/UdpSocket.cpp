@@ -27,6 +27,7 @@
 
 #include "lmkit/platform/Clock.hpp"
 #include "lmkit/platform/InterfaceAddresses.hpp"
+#include "lmkit/platform/JoinedDatagrams.hpp"
 #include "platform/ThreadPool.hpp"
 
 namespace lmkit {
@@ -131,27 +132,6 @@ std::optional<double> kernelReceiveTime(const msghdr& header) {
         }
     }
     return std::nullopt;
-}
-
-// Lets the kernel hand over back-to-back datagrams of one flow as one message (UDP_GRO): a node's
-// echoes coalesced by the network card, or on loopback a sender's segmented message taken whole,
-// cost one read and one buffer instead of one each. drainSocket cuts them apart again.
-bool takeJoinedMessages(int fd) {
-    int on = 1;
-    return setsockopt(fd, IPPROTO_UDP, UDP_GRO, &on, sizeof on) == 0;
-}
-
-// The segment size of a message the kernel joined (UDP_GRO); 0 for a single datagram.
-std::size_t joinedSegmentSize(const msghdr& header) {
-    for (const cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr;
-         c = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(c))) {
-        if (c->cmsg_level == SOL_UDP && c->cmsg_type == UDP_GRO) {
-            int size = 0;
-            std::memcpy(&size, CMSG_DATA(c), sizeof size);
-            return size > 0 ? static_cast<std::size_t>(size) : 0;
-        }
-    }
-    return 0;
 }
 
 Error posixError(int code) {
@@ -415,7 +395,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         getsockname(newFd, reinterpret_cast<sockaddr*>(&bound), &boundLength);
         enlargeReceiveBuffer(newFd, kDefaultReceiveBufferBytes);
         enableReceiveTimestamps(newFd);
-        takeJoinedMessages(newFd);
+        takeJoinedDatagrams(newFd);
 
         int segmentSize = 0;
         socklen_t optionLength = sizeof segmentSize;

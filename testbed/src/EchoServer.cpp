@@ -16,6 +16,7 @@
 
 #include "ServerLoop.hpp"
 #include "Sockets.hpp"
+#include "lmkit/platform/JoinedDatagrams.hpp"
 
 namespace lmkit {
 
@@ -182,7 +183,7 @@ struct EchoServer::Impl {
                     auto& header = messages[i].msg_hdr;
                     vectors[i].iov_len = messages[i].msg_len;
                     datagrams[i] = testbed::cutIntoSegments(header, messages[i].msg_len,
-                                                            testbed::segmentSize(header));
+                                                            joinedSegmentSize(header));
                     received += datagrams[i];
                 }
                 int done = 0;
@@ -200,7 +201,7 @@ struct EchoServer::Impl {
                     const auto arrived = clock.arrival(header);
                     const auto* begin = static_cast<const uint8_t*>(vectors[i].iov_base);
                     const std::size_t length = messages[i].msg_len;
-                    const std::size_t segment = testbed::segmentSize(header);
+                    const std::size_t segment = joinedSegmentSize(header);
                     if (endpoint.sameForAll && segment) {
                         handle(index, sources[i], header.msg_namelen,
                                std::vector<uint8_t>(begin, begin + length), arrived, segment);
@@ -267,7 +268,7 @@ std::unique_ptr<EchoServer> EchoServer::start(const std::vector<EchoEndpointConf
         if (endpoint.fd < 0)
             return fail("cannot listen on " + where + ": " + reason);
         endpoint.config.port = testbed::boundPort(endpoint.fd);
-        testbed::takeSegmentedWhole(endpoint.fd);
+        takeJoinedDatagrams(endpoint.fd);
         if (faults.otherPort) {
             auto other = testbed::makeAddress(endpoint.config.host, 0, length);
             endpoint.otherFd = testbed::openBound(*other, length, testbed::kBufferBytes, reason);

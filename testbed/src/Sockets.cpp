@@ -54,23 +54,6 @@ int openBound(const sockaddr_storage& address, socklen_t length, int bufferBytes
     return fd;
 }
 
-bool takeSegmentedWhole(int fd) {
-    int on = 1;
-    return setsockopt(fd, IPPROTO_UDP, UDP_GRO, &on, sizeof on) == 0;
-}
-
-std::size_t segmentSize(const msghdr& header) {
-    for (const cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr;
-         c = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(c))) {
-        if (c->cmsg_level == SOL_UDP && c->cmsg_type == UDP_GRO) {
-            int size = 0;
-            std::memcpy(&size, CMSG_DATA(c), sizeof size);
-            return size > 0 ? static_cast<std::size_t>(size) : 0;
-        }
-    }
-    return 0;
-}
-
 std::size_t cutIntoSegments(msghdr& header, std::size_t length, std::size_t segment) {
     const std::size_t datagrams = datagramsIn(length, segment);
     if (datagrams == 1) {

@@ -27,16 +27,6 @@ int openBound(const sockaddr_storage& address, socklen_t length, int bufferBytes
 /// Room for the arrival stamp and the segment size in a received message's control data.
 inline constexpr std::size_t kArrivalControlBytes = 96;
 
-/// Lets the kernel hand a sender's segmented message (UDP_SEGMENT) to `fd` whole, as one read
-/// with its segment size, instead of splitting it into datagrams on the way in. On loopback that
-/// split runs in the sender's system call, so a server that takes the message whole no longer
-/// charges a prober for work that a remote node would do on its own machine. False when the
-/// kernel does not offer it.
-bool takeSegmentedWhole(int fd);
-
-/// The segment size of a message read whole (see takeSegmentedWhole); 0 for a single datagram.
-std::size_t segmentSize(const msghdr& header);
-
 /// How many datagrams a message of `length` bytes holds when cut into `segment`-byte pieces (0:
 /// one datagram).
 inline std::size_t datagramsIn(std::size_t length, std::size_t segment) {
