@@ -414,7 +414,6 @@ void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
         computingStatus_ = kStatusIdle;
         repeatSendCount_ = sendPacketCount_;
         costTimeOfSendPackets_ = 0;
-        keyCount_ = keys_->size();
         uniquePingServers_ = servers;
 
         long n = static_cast<long>(servers->size());

@@ -184,12 +184,12 @@ void NodeSelector::computeScoreOfObjectInDelayContainerWithKey(std::uint32_t k) 
 }
 
 void NodeSelector::setCounterOfComputedDelay(long value) {
+    // The run is complete once every key is scored (the keys belong to this queue).
+    const bool complete = keys_->size() != 0 && static_cast<std::size_t>(value) == keys_->size();
     std::uint64_t generation;
-    bool complete;
     {
         std::lock_guard guard(mutex_);
         counterOfComputedDelay_ = value;
-        complete = keyCount_ != 0 && static_cast<std::size_t>(value) == keyCount_;
         generation = generation_;
     }
     if (complete)

@@ -95,13 +95,13 @@ void NodeSelector::sendPacketsDataByGroup(std::uint64_t generation) {
         const long n = static_cast<long>(servers->size());
         const long total = count * n;
         long lastIndex = total;  // one burst leaves nothing for a later tick
-        std::vector<OutgoingDatagram> batch;
         if (groups <= 1) {
             sendBurst(generation, socket, *servers, count);
         } else {
             const long perGroup = pacing::probesPerGroup(total, groups, n);
             if (index * perGroup >= total)
                 return;
+            std::vector<OutgoingDatagram> batch;
             batch.reserve(static_cast<std::size_t>(perGroup));
             const auto origin = probeOrigin();
             // Round-robin: one probe per server per pass, so a slow group never starves a server.
@@ -112,10 +112,10 @@ void NodeSelector::sendPacketsDataByGroup(std::uint64_t generation) {
                 appendProbe(batch, origin, (*servers)[static_cast<std::size_t>(i % n)], i / n);
                 lastIndex = i;
             }
-        }
-        // The group leaves in one system call, so its last probe is not held back by its first.
-        if (!batch.empty())
+            // The group leaves in one system call, so its last probe is not held back by its
+            // first.
             sendProbes(generation, socket, batch);
+        }
         {
             std::lock_guard guard(mutex_);
             if (generation != generation_)

@@ -287,7 +287,6 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
     double packetReceiveTimeout_ = 0;
     std::shared_ptr<const std::vector<std::string>> uniquePingServers_;
     long counterOfComputedDelay_ = 0;
-    std::size_t keyCount_ = 0;
     std::shared_ptr<AccConfig> accConfig_;
     bool enableRearDelay_ = false;
     BestNodeNotifyBlock bestNodeNotifyBlock_;
