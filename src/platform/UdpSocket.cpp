@@ -498,31 +498,28 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
                 const auto* head = static_cast<const uint8_t*>(vectors[2 * i].iov_base);
                 const auto* tail = static_cast<const uint8_t*>(vectors[2 * i + 1].iov_base);
                 const std::size_t length = messages[i].msg_len;
-                const std::size_t joined = joinedSegmentSize(messages[i].msg_hdr);
-                const std::size_t segment = joined == 0 ? length : std::min(joined, length);
                 const SocketAddress source = describeSource(sources[i]);
                 const double arrived = kernelReceiveTime(messages[i].msg_hdr).value_or(readTime);
-                // A joined message holds back-to-back datagrams of `segment` bytes, the last
-                // one possibly shorter: each is handed on as the datagram it was.
-                std::size_t offset = 0;
-                do {
-                    const std::size_t size = std::min(segment, length - offset);
-                    Datagram datagram;
-                    datagram.data.resize(std::min(size, kMaxDatagramBytes));
-                    const std::size_t fromHead =
-                        offset < kHeadBytes ? std::min(datagram.data.size(), kHeadBytes - offset)
-                                            : 0;
-                    if (fromHead > 0)
-                        std::memcpy(datagram.data.data(), head + offset, fromHead);
-                    if (datagram.data.size() > fromHead)
-                        std::memcpy(datagram.data.data() + fromHead,
-                                    tail + (offset + fromHead - kHeadBytes),
-                                    datagram.data.size() - fromHead);
-                    datagram.source = source;
-                    datagram.receiveTime = arrived;
-                    batch.push_back(std::move(datagram));
-                    offset += size;
-                } while (offset < length);
+                // Each datagram of a joined message is handed on as the datagram it was.
+                forEachJoinedDatagram(
+                    length, joinedSegmentSize(messages[i].msg_hdr),
+                    [&](std::size_t offset, std::size_t size) {
+                        Datagram datagram;
+                        datagram.data.resize(std::min(size, kMaxDatagramBytes));
+                        const std::size_t fromHead =
+                            offset < kHeadBytes
+                                ? std::min(datagram.data.size(), kHeadBytes - offset)
+                                : 0;
+                        if (fromHead > 0)
+                            std::memcpy(datagram.data.data(), head + offset, fromHead);
+                        if (datagram.data.size() > fromHead)
+                            std::memcpy(datagram.data.data() + fromHead,
+                                        tail + (offset + fromHead - kHeadBytes),
+                                        datagram.data.size() - fromHead);
+                        datagram.source = source;
+                        datagram.receiveTime = arrived;
+                        batch.push_back(std::move(datagram));
+                    });
             }
             if (count < static_cast<int>(kReceiveBatch)) {
                 drained = true;

@@ -209,14 +209,10 @@ struct EchoServer::Impl {
                     }
                     // Faults drawn per datagram: each datagram of a message read whole is a
                     // request of its own.
-                    const std::size_t step = segment ? segment : std::max<std::size_t>(length, 1);
-                    std::size_t at = 0;
-                    do {
-                        const std::size_t size = std::min(step, length - at);
+                    forEachJoinedDatagram(length, segment, [&](std::size_t at, std::size_t size) {
                         handle(index, sources[i], header.msg_namelen,
                                std::vector<uint8_t>(begin + at, begin + at + size), arrived);
-                        at += step;
-                    } while (at < length);
+                    });
                 }
             }
             if (count < static_cast<int>(kBatch))
