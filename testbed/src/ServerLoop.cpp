@@ -21,10 +21,11 @@ namespace {
 // microseconds would cost more than the error it avoids.
 constexpr auto kDueSlack = std::chrono::microseconds(2);
 // A sleeping thread wakes late: the timer interrupt, the scheduler and, on a virtual machine,
-// the hypervisor's wake-up of an idle processor each add to it, by a tenth of a millisecond
-// usually and by several after a long sleep. So the loop sleeps until a millisecond before a
-// deadline and spins the rest of the way, still reading datagrams as they come.
-constexpr auto kSpinWindow = std::chrono::milliseconds(1);
+// the hypervisor's wake-up of an idle processor each add to it, by a few tenths of a millisecond
+// usually and by one or two after a sleep of tens of milliseconds on a virtual machine. So the
+// loop sleeps until two milliseconds before a deadline and spins the rest of the way, still
+// reading datagrams as they come.
+constexpr auto kSpinWindow = std::chrono::milliseconds(2);
 
 bool later(const auto& a, const auto& b) {
     return a.due != b.due ? a.due > b.due : a.sequence > b.sequence;
@@ -164,6 +165,10 @@ void ServerLoop::armTimer() {
     auto due = timed_.empty() ? Clock::time_point::max() : timed_.front().due;
     if (due != Clock::time_point::max())
         due -= kSpinWindow;
+    // Inside the window the thread polls without sleeping: a timer that fired would only cost
+    // each turn of the loop two more system calls.
+    if (due != Clock::time_point::max() && due <= Clock::now())
+        due = Clock::time_point::max();
     if (due == armedFor_)
         return;
     itimerspec spec{};

@@ -37,6 +37,10 @@ constexpr double kLongestSweepSeconds = 1.0;
 // sleep: a thread woken by the reply after a long sleep passes it on late, by a millisecond or
 // more on a virtual machine, and that would count as the path's delay.
 constexpr double kAwaitReplySeconds = 0.5;
+// Once the awaited replies are in, the thread stays awake this much longer: a client that has
+// its reply usually sends its next request within moments (the next datagram of a test, the next
+// test), and a sleeping thread would take that in late in the same way.
+constexpr double kAwaitNextRequestSeconds = 0.2;
 
 Error relayFailure(const std::string& text) {
     return Error::withDescription(kRelayErrorDomain, 1, text);
@@ -283,6 +287,7 @@ struct Socks5Relay::Impl {
             }
             if (awaiting > 0 && --awaiting == 0) {
                 loop->maySleep();
+                loop->stayAwakeFor(kAwaitNextRequestSeconds);
             }
         }
     }
