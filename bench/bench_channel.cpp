@@ -101,11 +101,10 @@ Stats statsOf(std::vector<double> ms) {
     Stats s;
     if (ms.empty())
         return s;
-    std::sort(ms.begin(), ms.end());
     s.samples = ms.size();
-    s.median = ms[ms.size() / 2];
-    s.p99 = ms[std::min(ms.size() - 1, ms.size() * 99 / 100)];
-    s.max = ms.back();
+    s.median = bench::median(ms);
+    s.p99 = bench::percentile(ms, 0.99);
+    s.max = *std::max_element(ms.begin(), ms.end());
     return s;
 }
 

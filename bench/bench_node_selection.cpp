@@ -73,20 +73,6 @@ std::string format(const char* pattern, double a, double b = 0) {
     return text;
 }
 
-double median(std::vector<double> values) {
-    if (values.empty())
-        return NAN;
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-double percentile(std::vector<double> values, double p) {
-    if (values.empty())
-        return NAN;
-    std::sort(values.begin(), values.end());
-    auto index = static_cast<size_t>(std::ceil(p * static_cast<double>(values.size()))) - 1;
-    return values[std::min(index, values.size() - 1)];
-}
-
 bool readAll(int fd, void* data, size_t size) {
     auto* bytes = static_cast<char*>(data);
     while (size > 0) {
@@ -495,7 +481,7 @@ int main(int argc, char** argv) {
                 plainSend.push_back(raw.sendMs);
             }
         }
-        double figure = median(late);
+        double figure = bench::median(late);
         std::printf("schedule: %d servers x %ld, report after the plan: median %.2f ms (runs:",
                     servers, kProbes, figure);
         for (double value : late)
@@ -509,8 +495,8 @@ int main(int argc, char** argv) {
             std::printf(
                 "schedule: %d servers x %ld, plain prober's last reply after the plan: "
                 "median %.2f ms, of which sending the burst %.2f ms\n",
-                servers, kProbes, median(plain), median(plainSend));
-            measured = format("%.2f ms (plain prober %.2f ms)", figure, median(plain));
+                servers, kProbes, bench::median(plain), bench::median(plainSend));
+            measured = format("%.2f ms (plain prober %.2f ms)", figure, bench::median(plain));
         }
         const double goal = servers == 254 ? 3 : 5;
         bench::result(servers == 254 ? "254 nodes x 5 (20 groups): report after the schedule"
@@ -537,7 +523,7 @@ int main(int argc, char** argv) {
             r.cpuPerProbeUs, raw.cpuPerProbeUs, raw.replies, kProbes * kServers, r.repliesCounted,
             static_cast<unsigned long long>(r.repliesSent));
     }
-    const double kitMedian = median(kitCpu), rawMedian = median(rawCpu);
+    const double kitMedian = bench::median(kitCpu), rawMedian = bench::median(rawCpu);
     bench::result("CPU per probe at 10,000 nodes x 5", "<= 10 us", format("%.2f us", kitMedian),
                   kitMedian <= 10);
     bench::result("CPU per probe against the plain C prober", "<= 2.5x",
@@ -553,7 +539,8 @@ int main(int argc, char** argv) {
     // time its group took to leave (a fraction of a millisecond), not a uniform fraction as a
     // single ping's does: its median lies below the pinger's, and anything the kit added on top
     // would show in it and in the p99.
-    const double errorMedian = median(accuracy), errorP99 = percentile(accuracy, 0.99);
+    const double errorMedian = bench::median(accuracy),
+                 errorP99 = bench::percentile(accuracy, 0.99);
     bench::result("select: measured - injected (5, 20, 120 ms injected)",
                   "median in [0, 0.8], p99 <= 1.5 ms",
                   format("median %.2f, p99 %.2f ms", errorMedian, errorP99),

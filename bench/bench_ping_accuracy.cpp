@@ -63,17 +63,6 @@ struct Waiter {
     }
 };
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    std::size_t n = values.size();
-    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
-
-double p99(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[std::min(values.size() - 1, values.size() * 99 / 100)];
-}
-
 std::unique_ptr<EchoServer> echoWithDelay(double ms) {
     EchoFaults faults;
     faults.delaySeconds = ms / 1000;
@@ -178,20 +167,20 @@ bool report(const char* what, double injected, const Errors& errors) {
         std::printf("%-7s injected %5.1f ms: no measurement succeeded  FAIL\n", what, injected);
         return false;
     }
-    double kit = median(errors.kit);
-    double tail = p99(errors.kit);
-    double baseline = median(errors.baseline);
+    double kit = bench::median(errors.kit);
+    double tail = bench::percentile(errors.kit, 0.99);
+    double baseline = bench::median(errors.baseline);
     bool ok = kit >= kLowest && kit <= kHighest && tail <= kP99;
     std::printf(
         "%-7s injected %5.1f ms: median error %+.3f ms, p99 %+.3f ms (plain socket %+.3f ms, "
         "p99 %+.3f ms; kit - plain %+.3f ms) over %zu tests\n",
-        what, injected, kit, tail, baseline, p99(errors.baseline), kit - baseline,
-        errors.kit.size());
+        what, injected, kit, tail, baseline, bench::percentile(errors.baseline, 0.99),
+        kit - baseline, errors.kit.size());
     char figure[96], measured[96];
     std::snprintf(figure, sizeof figure, "%s: measured - injected, %.0f ms injected", what,
                   injected);
     std::snprintf(measured, sizeof measured, "median %.2f, p99 %.2f ms (plain p99 %.2f)", kit, tail,
-                  p99(errors.baseline));
+                  bench::percentile(errors.baseline, 0.99));
     bench::result(figure, "median in [0.3, 0.8], p99 <= 1.5 ms", measured, ok);
     return ok;
 }

@@ -56,14 +56,6 @@ double realtimeMs() {
     return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
 }
 
-double percentile(std::vector<double> values, double p) {
-    if (values.empty())
-        return NAN;
-    std::sort(values.begin(), values.end());
-    auto index = static_cast<std::size_t>(std::ceil(p * static_cast<double>(values.size()))) - 1;
-    return values[std::min(index, values.size() - 1)];
-}
-
 struct Figures {
     double p50 = NAN;
     double p99 = NAN;
@@ -142,7 +134,8 @@ Figures runOnce(Destination destination, Header header, std::size_t replyHeader,
     sending = false;
     receiver.join();
     ::close(fd);
-    return {percentile(errors, 0.5), percentile(errors, 0.99), static_cast<int>(errors.size())};
+    return {bench::percentile(errors, 0.5), bench::percentile(errors, 0.99),
+            static_cast<int>(errors.size())};
 }
 
 // kRuns runs: the median of their p50s and p99s, and the fewest datagrams any run got back.
@@ -156,7 +149,7 @@ Figures run(Destination destination, Header header, std::size_t replyHeader, dou
         p99s.push_back(figures.p99);
         received = std::min(received, figures.received);
     }
-    return {percentile(p50s, 0.5), percentile(p99s, 0.5), received};
+    return {bench::percentile(p50s, 0.5), bench::percentile(p99s, 0.5), received};
 }
 
 // A relay request's header naming `host`:`port` as its target.
