@@ -584,12 +584,14 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         runOnStrand([this] { closeDescriptor(); });
     }
 
+    bool isBound() {
+        std::shared_lock lock(fdMutex);
+        return fd >= 0;
+    }
+
     bool ensureBound() {
-        {
-            std::shared_lock lock(fdMutex);
-            if (fd >= 0)
-                return true;
-        }
+        if (isBound())
+            return true;
         bool bound = false;
         runOnStrand([&] {
             Error ignored;
@@ -852,6 +854,15 @@ bool UdpSocket::bindToPort(uint16_t port, const std::string& interfaceName, Erro
 }
 
 bool UdpSocket::beginReceiving(Error* error) {
+    if (!state_->closed && state_->isBound()) {
+        // The strand starts reading without the caller waiting for it, a thread hand-over each
+        // way: a datagram that comes first waits in the socket's buffer until then.
+        asio::post(state_->strand, [state = state_] {
+            if (!state->closed)
+                state->startReceiving();
+        });
+        return true;
+    }
     bool started = false;
     state_->runOnStrand([&] {
         if (state_->closed) {
