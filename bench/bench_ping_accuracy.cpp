@@ -21,6 +21,8 @@
 #include <cstdio>
 #include <mutex>
 #include <optional>
+#include <random>
+#include <thread>
 #include <vector>
 
 #include "BenchTable.hpp"
@@ -44,6 +46,7 @@ constexpr double kHighest = 0.8;  // ms: ... and nothing of the kit's own should
 constexpr double kP99 = 1.5;
 constexpr std::uint32_t kToken = 4242;
 constexpr int kProxyPackets = 5;
+constexpr int kMonitorSessions = 20;
 
 // Waits for one callback of a measurement.
 struct Waiter {
@@ -139,49 +142,60 @@ Errors pingerErrors(double injected) {
     return errors;
 }
 
-// The network monitor probes once per tick through its own pinger; each outcome is one test.
-// The plain socket times the same echo once after each outcome, before the next tick.
+// The network monitor probes once per tick through its own pinger; each outcome is one test,
+// and the plain socket times the same echo once after each, before the next tick. The stamp is
+// the wall clock's milliseconds, and within a session the ticks keep one phase to them: every
+// probe of a session loses about the same fraction of a millisecond to the truncation. So the
+// tests come from kMonitorSessions sessions, each started at a random moment as a user's would
+// be, and together show the truncation's whole spread.
 Errors monitorErrors(double injected) {
     auto echo = echoWithDelay(injected);
     const auto port = echo->endpoints()[0].port;
     PlainPing plain(port);
-    struct Outcomes {
-        std::mutex mutex;
-        std::condition_variable cv;
-        std::vector<double> delays;
-    };
-    auto outcomes = std::make_shared<Outcomes>();
-    auto monitor = NetworkMonitor::create();
-    monitor->setPingPort(port);
     auto config = std::make_shared<UnstableNetworkConfig>();
     config->interval =
         Number(std::max(NetworkMonitor::kMinimumTickPeriod, (2 * injected + 10) / 1000));
     config->loss = Number(2.0);  // no batch is ever judged unstable, so the ticks go on
     config->deviation = Number(1e9);
-    monitor->setUnstableNetworkConfig(config);
-    monitor->setNetworkValidCheck([] { return true; });
-    monitor->setOutcomeObserver([outcomes](const NodeSelectorResult& outcome) {
-        if (outcome.lossPercent >= 1)
-            return;
-        std::lock_guard guard(outcomes->mutex);
-        outcomes->delays.push_back(outcome.delay);
-        outcomes->cv.notify_all();
-    });
-    monitor->startMonitorWithTargetAddress("127.0.0.1");
+    std::mt19937 random(7);
+    std::uniform_int_distribution<int> phase(0, 999);
     Errors errors;
-    std::unique_lock lock(outcomes->mutex);
-    while (errors.kit.size() < static_cast<std::size_t>(kTests) &&
-           outcomes->cv.wait_for(lock, std::chrono::seconds(5),
-                                 [&] { return outcomes->delays.size() > errors.kit.size(); })) {
-        errors.kit.push_back(outcomes->delays[errors.kit.size()] - injected);
+    for (int session = 0; session < kMonitorSessions; ++session) {
+        std::this_thread::sleep_for(std::chrono::microseconds(phase(random)));
+        struct Outcomes {
+            std::mutex mutex;
+            std::condition_variable cv;
+            std::vector<double> delays;
+        };
+        auto outcomes = std::make_shared<Outcomes>();
+        auto monitor = NetworkMonitor::create();
+        monitor->setPingPort(port);
+        monitor->setUnstableNetworkConfig(config);
+        monitor->setNetworkValidCheck([] { return true; });
+        monitor->setOutcomeObserver([outcomes](const NodeSelectorResult& outcome) {
+            if (outcome.lossPercent >= 1)
+                return;
+            std::lock_guard guard(outcomes->mutex);
+            outcomes->delays.push_back(outcome.delay);
+            outcomes->cv.notify_all();
+        });
+        monitor->startMonitorWithTargetAddress("127.0.0.1");
+        std::unique_lock lock(outcomes->mutex);
+        for (std::size_t taken = 0;
+             taken < kTests / kMonitorSessions &&
+             outcomes->cv.wait_for(lock, std::chrono::seconds(5),
+                                   [&] { return outcomes->delays.size() > taken; });
+             ++taken) {
+            errors.kit.push_back(outcomes->delays[taken] - injected);
+            lock.unlock();
+            if (auto rtt = plain.once())
+                errors.baseline.push_back(*rtt - injected);
+            lock.lock();
+        }
         lock.unlock();
-        if (auto rtt = plain.once())
-            errors.baseline.push_back(*rtt - injected);
-        lock.lock();
+        monitor->stopMonitor();
+        monitor->setOutcomeObserver(nullptr);
     }
-    lock.unlock();
-    monitor->stopMonitor();
-    monitor->setOutcomeObserver(nullptr);
     return errors;
 }
 
