@@ -127,17 +127,18 @@ bool enableReceiveTimestamps(int fd) {
 // kernel code on every processor, about a millisecond on a virtual machine, and a node selector
 // opens a socket per run: every run paid two switches before its first probe left. One idle
 // socket that asks for both and stays open while the process runs keeps them switched on.
-void keepReceiveFeaturesSwitchedOn() {
-    [[maybe_unused]] static const int anchor = [] {
+// Returns whether the kernel stamps arrivals.
+bool keepReceiveFeaturesSwitchedOn() {
+    static const bool stamps = [] {
         int fd = ::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         if (fd < 0)
             fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (fd >= 0) {
-            enableReceiveTimestamps(fd);
-            takeJoinedDatagrams(fd);
-        }
-        return fd;
+        if (fd < 0)
+            return false;
+        takeJoinedDatagrams(fd);
+        return enableReceiveTimestamps(fd);
     }();
+    return stamps;
 }
 
 std::optional<double> kernelReceiveTime(const msghdr& header) {
@@ -981,15 +982,7 @@ std::uint64_t UdpSocket::sendCallCount() const {
 }
 
 std::string UdpSocket::receiveTimestampSource() {
-    static const bool kernel = [] {
-        int probe = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (probe < 0)
-            return false;
-        bool enabled = enableReceiveTimestamps(probe);
-        ::close(probe);
-        return enabled;
-    }();
-    return kernel ? "kernel (SO_TIMESTAMPNS)" : "clock at read time";
+    return keepReceiveFeaturesSwitchedOn() ? "kernel (SO_TIMESTAMPNS)" : "clock at read time";
 }
 
 void UdpSocket::failNextSendsForTesting(int count, int errnoValue) {
