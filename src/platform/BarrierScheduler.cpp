@@ -16,8 +16,17 @@ void BarrierScheduler::startLocked(std::deque<Block>& toPost, bool& woke) {
             next.waiter->ready = true;
             woke = true;
         } else {
-            toPost.push_back([this, block = std::move(next.block), barrier = next.barrier] {
-                block();
+            auto job = std::make_shared<Job>();
+            job->block = std::move(next.block);
+            if (next.barrier) {
+                // Callers blocked behind it may run it before a pool thread comes round.
+                waitingBarrier_ = job;
+                woke = true;
+            }
+            toPost.push_back([this, job, barrier = next.barrier] {
+                if (job->taken.exchange(true))
+                    return;
+                job->block();
                 finish(barrier);
             });
         }
@@ -37,9 +46,10 @@ void BarrierScheduler::finish(bool barrier) {
     bool woke = false;
     {
         std::lock_guard lock(mutex_);
-        if (barrier)
+        if (barrier) {
             barrierRunning_ = false;
-        else
+            waitingBarrier_.reset();
+        } else
             --running_;
         startLocked(toPost, woke);
     }
@@ -71,7 +81,19 @@ void BarrierScheduler::runHere(const Block& block, bool barrier) {
             toPost.clear();
             woke = false;
             lock.lock();
-            started_.wait(lock, [&] { return waiter.ready; });
+            while (!waiter.ready) {
+                // Waiting for a pool thread to run the barrier ahead would cost this thread a
+                // wake-up, and with every pool thread blocked like this one it would never come.
+                if (waitingBarrier_ && !waitingBarrier_->taken.exchange(true)) {
+                    auto job = std::move(waitingBarrier_);
+                    lock.unlock();
+                    job->block();
+                    finish(true);
+                    lock.lock();
+                    continue;
+                }
+                started_.wait(lock);
+            }
         }
     }
     release(toPost, woke);

@@ -3,6 +3,7 @@
 #include "lmkit/platform/DispatchGroup.hpp"
 #include "lmkit/platform/DispatchTimerSource.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <vector>
@@ -116,6 +117,31 @@ TEST(DispatchQueue, ConcurrentQueueRunsBlocksSideBySideAndBarriersAlone) {
     EXPECT_TRUE(barrierAlone);
     EXPECT_EQ(seen, (std::vector<int>{0, 1, 2}));
     EXPECT_EQ(DispatchQueue::global().label(), "lmkit.global.default");
+}
+
+// Pool blocks that each write to a concurrent queue and then read from it: every pool thread
+// may be blocked in its read behind a write still waiting for a pool thread. The reader runs
+// that write itself, so they all finish, and each read sees the write before it.
+TEST(DispatchQueue, ReadsBehindAWriteNeedNoFreePoolThread) {
+    auto queue = DispatchQueue::concurrent("test.writes-then-reads");
+    constexpr int kBlocks = 64;  // more than the pool has threads
+    std::vector<int> written;    // written by barriers only
+    std::atomic<int> done{0};
+    std::atomic<int> missed{0};
+    for (int i = 0; i < kBlocks; ++i) {
+        DispatchQueue::global().async([&, i] {
+            queue.asyncBarrier([&, i] { written.push_back(i); });
+            bool seen = false;
+            queue.sync(
+                [&] { seen = std::find(written.begin(), written.end(), i) != written.end(); });
+            if (!seen)
+                missed.fetch_add(1);
+            done.fetch_add(1);
+        });
+    }
+    ASSERT_TRUE(waitFor([&] { return done.load() == kBlocks; }, 20));
+    EXPECT_EQ(missed.load(), 0);
+    queue.sync([&] { EXPECT_EQ(written.size(), static_cast<std::size_t>(kBlocks)); });
 }
 
 TEST(DispatchQueue, AsyncAfterWaitsAtLeastTheDelay) {
