@@ -15,19 +15,22 @@ void BarrierScheduler::startLocked(std::deque<Block>& toPost, bool& woke) {
         if (next.waiter) {
             next.waiter->ready = true;
             woke = true;
-        } else {
+        } else if (next.barrier) {
+            // Callers blocked behind it may run it before a pool thread comes round.
             auto job = std::make_shared<Job>();
             job->block = std::move(next.block);
-            if (next.barrier) {
-                // Callers blocked behind it may run it before a pool thread comes round.
-                waitingBarrier_ = job;
-                woke = true;
-            }
-            toPost.push_back([this, job, barrier = next.barrier] {
+            waitingBarrier_ = job;
+            woke = true;
+            toPost.push_back([this, job] {
                 if (job->taken.exchange(true))
                     return;
                 job->block();
-                finish(barrier);
+                finish(true);
+            });
+        } else {
+            toPost.push_back([this, block = std::move(next.block)] {
+                block();
+                finish(false);
             });
         }
         pending_.pop_front();

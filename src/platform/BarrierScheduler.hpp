@@ -38,7 +38,7 @@ class BarrierScheduler {
         bool barrier = false;
         Waiter* waiter = nullptr;
     };
-    // A block handed to the pool; whichever thread takes it first runs it.
+    // A barrier handed to the pool; whichever thread takes it first runs it.
     struct Job {
         Block block;
         std::atomic<bool> taken{false};
