@@ -13,6 +13,8 @@
 #include <chrono>
 #include <cstring>
 #include <random>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "ServerLoop.hpp"
 #include "Sockets.hpp"
@@ -27,6 +29,10 @@ namespace {
 constexpr const char* kErrorDomain = "EchoServerErrorDomain";
 // Datagrams taken (and answered) per system call.
 constexpr unsigned kBatch = 64;
+// IPv4 endpoints on one port, at least this many, share one socket bound to the port on every
+// address. A burst of probes to a thousand addresses then wakes one socket, not a thousand: on
+// loopback the prober's own send pays for every wake-up, which remote nodes never cost it.
+constexpr std::size_t kSharedSocketEndpoints = 64;
 constexpr size_t kMaxPayload = 65536;
 
 Error failure(const std::string& text) {
@@ -44,6 +50,8 @@ struct EchoServer::Impl {
     struct Endpoint {
         EchoEndpointConfig config;
         int fd = -1;
+        bool shared = false;  // fd is the port's shared socket: replies leave from `address`
+        in_addr address{};
         int otherFd = -1;        // the "other port" for replies from elsewhere
         bool plain = true;       // no fault at all: a batch is answered with one system call
         bool sameForAll = true;  // no fault drawn or applied per datagram
@@ -58,6 +66,9 @@ struct EchoServer::Impl {
 
     std::unique_ptr<ServerLoop> loop;
     std::vector<Endpoint> endpoints;  // fixed after start; the fields change on the loop only
+    std::vector<int> sharedFds;
+    // Shared sockets' endpoints by port and address (port << 32 | address).
+    std::unordered_map<std::uint64_t, std::size_t> byDestination;
     std::atomic<bool> stopped{false};
     std::atomic<uint64_t> received{0};
     std::atomic<uint64_t> sent{0};
@@ -74,8 +85,10 @@ struct EchoServer::Impl {
 
     ~Impl() {
         loop.reset();  // the thread first: it uses the descriptors
+        for (int fd : sharedFds)
+            ::close(fd);
         for (auto& endpoint : endpoints) {
-            if (endpoint.fd >= 0)
+            if (endpoint.fd >= 0 && !endpoint.shared)
                 ::close(endpoint.fd);
             if (endpoint.otherFd >= 0)
                 ::close(endpoint.otherFd);
@@ -95,6 +108,8 @@ struct EchoServer::Impl {
         header.msg_iovlen = 1;
         header.msg_control = control.bytes;
         const std::size_t datagrams = testbed::cutIntoSegments(header, payload.size(), segment);
+        if (endpoint.shared)
+            testbed::leaveFrom(header, control.bytes, endpoint.address);
         if (::sendmsg(fd, &header, 0) >= 0)
             sent += datagrams;
     }
@@ -158,20 +173,25 @@ struct EchoServer::Impl {
         });
     }
 
+    // Reads up to a batch from `fd` into the loop's slots; the number read.
+    int readBatch(int fd) {
+        for (unsigned i = 0; i < kBatch; ++i) {
+            vectors[i] = {buffer.data() + i * kMaxPayload, kMaxPayload};
+            messages[i].msg_hdr = {};
+            messages[i].msg_hdr.msg_iov = &vectors[i];
+            messages[i].msg_hdr.msg_iovlen = 1;
+            messages[i].msg_hdr.msg_name = &sources[i];
+            messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_storage);
+            messages[i].msg_hdr.msg_control = controls[i].bytes;
+            messages[i].msg_hdr.msg_controllen = sizeof controls[i];
+        }
+        return recvmmsg(fd, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
+    }
+
     void receiveFrom(size_t index) {
         auto& endpoint = endpoints[index];
         for (;;) {
-            for (unsigned i = 0; i < kBatch; ++i) {
-                vectors[i] = {buffer.data() + i * kMaxPayload, kMaxPayload};
-                messages[i].msg_hdr = {};
-                messages[i].msg_hdr.msg_iov = &vectors[i];
-                messages[i].msg_hdr.msg_iovlen = 1;
-                messages[i].msg_hdr.msg_name = &sources[i];
-                messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_storage);
-                messages[i].msg_hdr.msg_control = controls[i].bytes;
-                messages[i].msg_hdr.msg_controllen = sizeof controls[i];
-            }
-            int count = recvmmsg(endpoint.fd, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
+            int count = readBatch(endpoint.fd);
             if (count <= 0)
                 return;
             const testbed::ArrivalClock clock;
@@ -196,24 +216,49 @@ struct EchoServer::Impl {
                     done += n;
                 }
             } else {
-                for (int i = 0; i < count; ++i) {
-                    const auto& header = messages[i].msg_hdr;
-                    const auto arrived = clock.arrival(header);
-                    const auto* begin = static_cast<const uint8_t*>(vectors[i].iov_base);
-                    const std::size_t length = messages[i].msg_len;
-                    const std::size_t segment = joinedSegmentSize(header);
-                    if (endpoint.sameForAll && segment) {
-                        handle(index, sources[i], header.msg_namelen,
-                               std::vector<uint8_t>(begin, begin + length), arrived, segment);
-                        continue;
-                    }
-                    // Faults drawn per datagram: each datagram of a message read whole is a
-                    // request of its own.
-                    forEachJoinedDatagram(length, segment, [&](std::size_t at, std::size_t size) {
-                        handle(index, sources[i], header.msg_namelen,
-                               std::vector<uint8_t>(begin + at, begin + at + size), arrived);
-                    });
-                }
+                for (int i = 0; i < count; ++i)
+                    take(index, i, clock);
+            }
+            if (count < static_cast<int>(kBatch))
+                return;
+        }
+    }
+
+    // Message `i` of the last read, for endpoint `index`.
+    void take(size_t index, int i, const testbed::ArrivalClock& clock) {
+        const auto& header = messages[i].msg_hdr;
+        const auto arrived = clock.arrival(header);
+        const auto* begin = static_cast<const uint8_t*>(vectors[i].iov_base);
+        const std::size_t length = messages[i].msg_len;
+        const std::size_t segment = joinedSegmentSize(header);
+        if (endpoints[index].sameForAll && segment) {
+            handle(index, sources[i], header.msg_namelen,
+                   std::vector<uint8_t>(begin, begin + length), arrived, segment);
+            return;
+        }
+        // Faults drawn per datagram: each datagram of a message read whole is a request of its
+        // own.
+        forEachJoinedDatagram(length, segment, [&](std::size_t at, std::size_t size) {
+            handle(index, sources[i], header.msg_namelen,
+                   std::vector<uint8_t>(begin + at, begin + at + size), arrived);
+        });
+    }
+
+    // A port's shared socket: each message goes to the endpoint of the address it was sent to;
+    // one sent to an address no endpoint has is dropped.
+    void receiveShared(int fd, uint16_t port) {
+        for (;;) {
+            int count = readBatch(fd);
+            if (count <= 0)
+                return;
+            const testbed::ArrivalClock clock;
+            for (int i = 0; i < count; ++i) {
+                auto to = testbed::sentTo(messages[i].msg_hdr);
+                if (!to)
+                    continue;
+                auto found = byDestination.find(std::uint64_t{port} << 32 | to->s_addr);
+                if (found != byDestination.end())
+                    take(found->second, i, clock);
             }
             if (count < static_cast<int>(kBatch))
                 return;
@@ -242,6 +287,44 @@ std::unique_ptr<EchoServer> EchoServer::start(const std::vector<EchoEndpointConf
     if (!impl->loop)
         return fail(reason);
 
+    // Ports with enough IPv4 endpoints get one socket for all of them; a port that cannot be
+    // had on every address keeps a socket per endpoint.
+    auto shareable = [](const EchoEndpointConfig& config, in_addr& address) {
+        return config.port != 0 && !config.faults.otherPort &&
+               inet_pton(AF_INET, config.host.c_str(), &address) == 1;
+    };
+    // An endpoint of its own on the port would clash with a socket bound to every address.
+    std::unordered_map<uint16_t, std::size_t> onPort;
+    std::unordered_set<uint16_t> ownSockets;
+    for (const auto& config : endpoints) {
+        in_addr address{};
+        if (shareable(config, address))
+            ++onPort[config.port];
+        else if (config.port != 0 && inet_pton(AF_INET, config.host.c_str(), &address) == 1)
+            ownSockets.insert(config.port);
+    }
+    std::unordered_map<uint16_t, int> sharedOn;
+    for (auto [port, count] : onPort) {
+        if (count < kSharedSocketEndpoints || ownSockets.count(port))
+            continue;
+        socklen_t length = 0;
+        auto any = testbed::makeAddress("0.0.0.0", port, length);
+        int fd = testbed::openBound(*any, length, testbed::kBufferBytes, reason);
+        int on = 1;
+        if (fd >= 0 && setsockopt(fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof on) != 0) {
+            ::close(fd);
+            fd = -1;
+        }
+        if (fd < 0)
+            continue;
+        takeJoinedDatagrams(fd);
+        impl->sharedFds.push_back(fd);
+        sharedOn[port] = fd;
+        auto* raw = impl.get();
+        if (!impl->loop->watch(fd, [raw, fd, port] { raw->receiveShared(fd, port); }))
+            return fail("cannot watch port " + std::to_string(port));
+    }
+
     // Each endpoint carries its own random engine (2.5 KB): growing the list by copying would
     // move tens of megabytes while ten thousand endpoints open.
     impl->endpoints.reserve(endpoints.size());
@@ -260,6 +343,16 @@ std::unique_ptr<EchoServer> EchoServer::start(const std::vector<EchoEndpointConf
         if (!address)
             return fail("not an IP address: " + endpoint.config.host);
         std::string where = endpoint.config.host + ":" + std::to_string(endpoint.config.port);
+        if (auto shared = sharedOn.find(endpoint.config.port);
+            shared != sharedOn.end() && shareable(endpoint.config, endpoint.address)) {
+            endpoint.fd = shared->second;
+            endpoint.shared = true;
+            auto key = std::uint64_t{endpoint.config.port} << 32 | endpoint.address.s_addr;
+            if (!impl->byDestination.emplace(key, i).second)
+                return fail("cannot listen on " + where + ": listed twice");
+            impl->endpoints.push_back(std::move(endpoint));
+            continue;
+        }
         endpoint.fd = testbed::openBound(*address, length, testbed::kBufferBytes, reason);
         if (endpoint.fd < 0)
             return fail("cannot listen on " + where + ": " + reason);

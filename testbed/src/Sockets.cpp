@@ -71,6 +71,34 @@ std::size_t cutIntoSegments(msghdr& header, std::size_t length, std::size_t segm
     return datagrams;
 }
 
+void leaveFrom(msghdr& header, void* room, const in_addr& source) {
+    if (header.msg_control == nullptr) {
+        header.msg_control = room;
+        header.msg_controllen = 0;
+    }
+    auto* c =
+        reinterpret_cast<cmsghdr*>(static_cast<char*>(header.msg_control) + header.msg_controllen);
+    in_pktinfo info{};
+    info.ipi_spec_dst = source;
+    c->cmsg_level = IPPROTO_IP;
+    c->cmsg_type = IP_PKTINFO;
+    c->cmsg_len = CMSG_LEN(sizeof info);
+    std::memcpy(CMSG_DATA(c), &info, sizeof info);
+    header.msg_controllen += CMSG_SPACE(sizeof info);
+}
+
+std::optional<in_addr> sentTo(const msghdr& header) {
+    for (const cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr;
+         c = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(c))) {
+        if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
+            in_pktinfo info{};
+            std::memcpy(&info, CMSG_DATA(c), sizeof info);
+            return info.ipi_addr;
+        }
+    }
+    return std::nullopt;
+}
+
 namespace {
 std::chrono::nanoseconds sinceEpoch(const timespec& time) {
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);

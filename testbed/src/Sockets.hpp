@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 namespace lmkit::testbed {
@@ -24,8 +25,9 @@ std::optional<sockaddr_storage> makeAddress(const std::string& host, std::uint16
 int openBound(const sockaddr_storage& address, socklen_t length, int bufferBytes,
               std::string& reason);
 
-/// Room for the arrival stamp and the segment size in a received message's control data.
-inline constexpr std::size_t kArrivalControlBytes = 96;
+/// Room for the arrival stamp, the segment size and the destination address in a message's
+/// control data.
+inline constexpr std::size_t kArrivalControlBytes = 128;
 
 /// How many datagrams a message of `length` bytes holds when cut into `segment`-byte pieces (0:
 /// one datagram).
@@ -37,6 +39,13 @@ inline std::size_t datagramsIn(std::size_t length, std::size_t segment) {
 /// leave as datagrams of `segment` bytes, the last one shorter (UDP_SEGMENT), or as one datagram
 /// when it holds no more than one segment (or `segment` is 0). Gives the number of datagrams.
 std::size_t cutIntoSegments(msghdr& header, std::size_t length, std::size_t segment);
+
+/// Makes the datagrams of `header` leave from `source` (IP_PKTINFO), after whatever control data
+/// it already carries; `room` (kArrivalControlBytes) is used when it carries none.
+void leaveFrom(msghdr& header, void* room, const in_addr& source);
+
+/// The local address a datagram read on a socket with IP_PKTINFO was sent to; nil without one.
+std::optional<in_addr> sentTo(const msghdr& header);
 
 /// When the kernel took in each datagram of one read, on the steady clock. A server that times a
 /// reply from this instant does not count its own wake-up as part of the delay it injects.

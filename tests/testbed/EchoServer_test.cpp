@@ -6,6 +6,7 @@
 #include <chrono>
 #include <map>
 #include <set>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -58,6 +59,41 @@ TEST(EchoServer, AnswersFromEachProbedAddressOnOnePort) {
         EXPECT_TRUE(matched) << reply.from.host << ":" << reply.from.port;
     }
     EXPECT_EQ(first->requestsReceived() + second->requestsReceived(), targets.size());
+}
+
+TEST(EchoServer, ManyAddressesOnOnePortShareASocketAndStillAnswerFromEach) {
+    // Seventy endpoints on one port are served by one socket: every reply, a held one or one cut
+    // from a joined message, still leaves from the address it was sent to, and a datagram to an
+    // address with no endpoint is neither answered nor counted.
+    uint16_t port = 0;
+    auto server = EchoServer::startOnOnePort(
+        [](uint16_t on) {
+            std::vector<EchoEndpointConfig> endpoints;
+            for (int i = 1; i <= 70; ++i) {
+                EchoFaults faults;
+                faults.delaySeconds = i % 2 ? 0 : 0.005;
+                endpoints.push_back({"127.3.0." + std::to_string(i), on, faults});
+            }
+            return endpoints;
+        },
+        1, port);
+    ASSERT_TRUE(server);
+    auto prober = udpEndpoint("test.echo.prober");
+    const auto targets = server->endpoints();
+    for (const auto& target : targets)
+        prober.send("probe " + target.host, target);
+    std::vector<OutgoingDatagram> joined(3, {"probe 127.3.0.2", "127.3.0.2", port, 0});
+    ASSERT_TRUE(prober.socket->sendDatagrams(joined));
+    prober.send("probe 127.3.1.1", {"127.3.1.1", port, AF_INET});
+    const std::size_t expected = targets.size() + joined.size();
+    ASSERT_TRUE(waitFor([&] { return prober.recorder->count() == expected; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(prober.recorder->count(), expected);
+    for (const auto& reply : prober.recorder->received()) {
+        EXPECT_EQ(reply.text, "probe " + reply.from.host);
+        EXPECT_EQ(reply.from.port, port);
+    }
+    EXPECT_EQ(server->requestsReceived(), expected);
 }
 
 TEST(EchoServer, LossIsSeededAndRepeatable) {
