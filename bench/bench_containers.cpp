@@ -3,7 +3,7 @@
 // threads. Prints operations per second and the ratio (kit / baseline). No goal: every write is
 // an asynchronous barrier, handed to a pool thread so that the writer never waits, and the reads
 // that follow wait behind it, so a mix with writes runs at a small fraction of the lock's
-// throughput (0.01-0.05x here). The figure shows that price.
+// throughput (0.01-0.06x here). The figure shows that price.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
