@@ -856,8 +856,8 @@ bool UdpSocket::bindToPort(uint16_t port, const std::string& interfaceName, Erro
 
 bool UdpSocket::beginReceiving(Error* error) {
     if (!state_->closed && state_->isBound()) {
-        // The strand starts reading without the caller waiting for it, a thread hand-over each
-        // way: a datagram that comes first waits in the socket's buffer until then.
+        // The strand starts reading in its own time: waiting for it would cost a hand-over to a
+        // pool thread and back. A datagram that comes first waits in the socket's buffer.
         asio::post(state_->strand, [state = state_] {
             if (!state->closed)
                 state->startReceiving();
