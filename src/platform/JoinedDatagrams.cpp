@@ -3,7 +3,7 @@
 #include <netinet/in.h>
 #include <netinet/udp.h>
 
-#include <cstring>
+#include "lmkit/platform/ControlMessage.hpp"
 
 namespace lmkit {
 
@@ -13,15 +13,8 @@ bool takeJoinedDatagrams(int fd) {
 }
 
 std::size_t joinedSegmentSize(const msghdr& header) {
-    for (const cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr;
-         c = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(c))) {
-        if (c->cmsg_level == SOL_UDP && c->cmsg_type == UDP_GRO) {
-            int size = 0;
-            std::memcpy(&size, CMSG_DATA(c), sizeof size);
-            return size > 0 ? static_cast<std::size_t>(size) : 0;
-        }
-    }
-    return 0;
+    const int size = controlValue<int>(header, SOL_UDP, UDP_GRO).value_or(0);
+    return size > 0 ? static_cast<std::size_t>(size) : 0;
 }
 
 }  // namespace lmkit

@@ -26,6 +26,7 @@
 #include <asio/strand.hpp>
 
 #include "lmkit/platform/Clock.hpp"
+#include "lmkit/platform/ControlMessage.hpp"
 #include "lmkit/platform/InterfaceAddresses.hpp"
 #include "lmkit/platform/JoinedDatagrams.hpp"
 #include "platform/ThreadPool.hpp"
@@ -142,15 +143,10 @@ bool keepReceiveFeaturesSwitchedOn() {
 }
 
 std::optional<double> kernelReceiveTime(const msghdr& header) {
-    for (const cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr;
-         c = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(c))) {
-        if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS) {
-            timespec stamp{};
-            std::memcpy(&stamp, CMSG_DATA(c), sizeof stamp);
-            return Clock::millisecondsFromRealtime(stamp.tv_sec, stamp.tv_nsec);
-        }
-    }
-    return std::nullopt;
+    auto stamp = controlValue<timespec>(header, SOL_SOCKET, SCM_TIMESTAMPNS);
+    if (!stamp)
+        return std::nullopt;
+    return Clock::millisecondsFromRealtime(stamp->tv_sec, stamp->tv_nsec);
 }
 
 Error posixError(int code) {

@@ -10,6 +10,8 @@
 #include <ctime>
 #include <system_error>
 
+#include "lmkit/platform/ControlMessage.hpp"
+
 namespace lmkit::testbed {
 
 std::optional<sockaddr_storage> makeAddress(const std::string& host, std::uint16_t port,
@@ -88,15 +90,10 @@ void leaveFrom(msghdr& header, void* room, const in_addr& source) {
 }
 
 std::optional<in_addr> sentTo(const msghdr& header) {
-    for (const cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr;
-         c = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(c))) {
-        if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
-            in_pktinfo info{};
-            std::memcpy(&info, CMSG_DATA(c), sizeof info);
-            return info.ipi_addr;
-        }
-    }
-    return std::nullopt;
+    auto info = controlValue<in_pktinfo>(header, IPPROTO_IP, IP_PKTINFO);
+    if (!info)
+        return std::nullopt;
+    return info->ipi_addr;
 }
 
 namespace {
@@ -112,20 +109,15 @@ ArrivalClock::ArrivalClock() : readAt_(std::chrono::steady_clock::now()) {
 }
 
 std::chrono::steady_clock::time_point ArrivalClock::arrival(const msghdr& header) const {
-    for (const cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr;
-         c = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(c))) {
-        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_TIMESTAMPNS)
-            continue;
-        // The stamp is on the wall clock: its distance from the read carries over to the steady
-        // clock. A wall clock stepped meanwhile would put it after the read or far before it.
-        timespec stamp{};
-        std::memcpy(&stamp, CMSG_DATA(c), sizeof stamp);
-        const auto age = wallAt_ - sinceEpoch(stamp);
-        if (age < std::chrono::nanoseconds(0) || age > std::chrono::seconds(1))
-            return readAt_;
-        return readAt_ - std::chrono::duration_cast<std::chrono::steady_clock::duration>(age);
-    }
-    return readAt_;
+    auto stamp = controlValue<timespec>(header, SOL_SOCKET, SCM_TIMESTAMPNS);
+    if (!stamp)
+        return readAt_;
+    // The stamp is on the wall clock: its distance from the read carries over to the steady
+    // clock. A wall clock stepped meanwhile would put it after the read or far before it.
+    const auto age = wallAt_ - sinceEpoch(*stamp);
+    if (age < std::chrono::nanoseconds(0) || age > std::chrono::seconds(1))
+        return readAt_;
+    return readAt_ - std::chrono::duration_cast<std::chrono::steady_clock::duration>(age);
 }
 
 std::uint16_t boundPort(int fd) {
