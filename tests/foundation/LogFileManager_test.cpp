@@ -26,10 +26,8 @@ TEST(LogFileManager, SharedStreamsAndTheirNames) {
     EXPECT_EQ(LogFileManager::app().prefix(), "op");
     EXPECT_EQ(LogFileManager::api().prefix(), "api");
     EXPECT_EQ(LogFileManager::tunnel().prefix(), "tunnel");
-    EXPECT_EQ(LogFileManager::app().folder(), std::nullopt);
     EXPECT_EQ(LogFileManager::api().logsDirectory(), dir.path() / "default");
     EXPECT_EQ(LogFileManager::tunnel().logsDirectory(), dir.path() / "group" / "Logs");
-    EXPECT_EQ(LogFileManager::app().maximumNumberOfLogFiles(), 5u);
 
     EXPECT_TRUE(std::regex_match(LogFileManager::app().newLogFileName(),
                                  std::regex(R"(op-\d{4}-\d{2}-\d{2}\.log)")));
