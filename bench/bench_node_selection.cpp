@@ -5,8 +5,8 @@
 //   schedule   254 servers (20 groups) and 1,000 servers (one burst), 5 probes each: the report
 //              against the run's plan, the sum of the group intervals plus the largest echo delay
 //   cost       10,000 servers x 5: process CPU per probe against a plain C prober (sendmmsg of
-//              segmented messages as the kit sends them, recvmmsg, the same receive buffer, the
-//              same targets) run in the same process
+//              segmented messages as the kit sends them, recvmmsg, the same receive buffer and
+//              don't-fragment option, the same targets) run in the same process
 //   loss       replies the echo service sent that the selector did not count
 //   accuracy   per endpoint, measured minus injected delay (the stamp's truncation, no more)
 //   ranking    the 0.05 ms endpoint against the 5 ms one
@@ -301,6 +301,9 @@ RawResult rawProbe(uint16_t port, int servers) {
     int buffer = UdpSocket::kDefaultReceiveBufferBytes;
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &buffer, sizeof buffer) != 0)
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
+    // Don't-fragment, as the kit's probe socket sends.
+    int probe = IP_PMTUDISC_PROBE;
+    setsockopt(fd, IPPROTO_IP, IP_MTU_DISCOVER, &probe, sizeof probe);
     const long total = kProbes * servers;
     double cpu = cpuSeconds();
     const auto start = Steady::now();

@@ -465,6 +465,8 @@ bool NodeSelector::createUdpSocketIfHasError(std::optional<Error>* error) {
     }
     auto events = std::make_shared<SocketEvents>(weak_from_this());
     auto socket = UdpSocket::create(events, delegateQueue);
+    // Probes are a few dozen bytes: fragmentation never arises, and a burst leaves faster.
+    socket->setDontFragment();
     Error failure;
     bool ok = false;
     // One reading decides whether the interface is usable and which one is bound.

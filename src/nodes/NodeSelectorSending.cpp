@@ -31,11 +31,10 @@ NodeSelector::ProbeOrigin NodeSelector::probeOrigin() {
 }
 
 void NodeSelector::appendProbe(std::vector<OutgoingDatagram>& batch, const ProbeOrigin& origin,
-                               const std::string& host, long tag) {
+                               const std::string& host, long tag, double now) {
     // Each probe is stamped just before its group leaves; the stamps share the run's origin.
-    batch.push_back({probe::makeProbePayload(origin.prefix, origin.firstPacketTimeStamp,
-                                             Clock::nowMilliseconds()),
-                     host, origin.port, tag});
+    batch.push_back({probe::makeProbePayload(origin.prefix, origin.firstPacketTimeStamp, now), host,
+                     origin.port, tag});
 }
 
 bool NodeSelector::sendProbes(std::uint64_t generation, const std::shared_ptr<UdpSocket>& socket,
@@ -68,7 +67,7 @@ void NodeSelector::sendDataToPingServer(const std::string& host, long repeatTime
     }
     const auto origin = probeOrigin();
     for (long i = 0; i < repeatTime; ++i)
-        appendProbe(batch, origin, host, i);
+        appendProbe(batch, origin, host, i, Clock::nowMilliseconds());
     sendProbes(generation, socket, batch);
 }
 
@@ -109,7 +108,8 @@ void NodeSelector::sendPacketsDataByGroup(std::uint64_t generation) {
                 long i = j + index * perGroup;
                 if (i >= total)
                     break;
-                appendProbe(batch, origin, (*servers)[static_cast<std::size_t>(i % n)], i / n);
+                appendProbe(batch, origin, (*servers)[static_cast<std::size_t>(i % n)], i / n,
+                            Clock::nowMilliseconds());
                 lastIndex = i;
             }
             // The group leaves in one system call, so its last probe is not held back by its
@@ -157,8 +157,11 @@ void NodeSelector::sendBurst(std::uint64_t generation, const std::shared_ptr<Udp
     std::vector<OutgoingDatagram> batch;
     batch.reserve(kProbesPerSendCall);
     for (const auto& server : servers) {
+        // A server's probes are built together, within a microsecond: one reading of the clock
+        // stamps them all.
+        const double now = Clock::nowMilliseconds();
         for (long i = 0; i < count; ++i) {
-            appendProbe(batch, origin, server, i);
+            appendProbe(batch, origin, server, i, now);
             if (batch.size() == kProbesPerSendCall) {
                 if (!sendProbes(generation, socket, batch))
                     return;

@@ -149,6 +149,18 @@ std::optional<double> kernelReceiveTime(const msghdr& header) {
     return Clock::millisecondsFromRealtime(stamp->tv_sec, stamp->tv_nsec);
 }
 
+// Don't-fragment with the path MTU ignored: the kernel leaves such a datagram's IP
+// identification at zero instead of drawing it from its shared, hashed counters, which costs about
+// a fifth of a burst of small datagrams on loopback. Both families, for a dual-stack socket.
+void leaveUnfragmented(int fd, int family) {
+    int probe = IP_PMTUDISC_PROBE;
+    setsockopt(fd, IPPROTO_IP, IP_MTU_DISCOVER, &probe, sizeof probe);
+    if (family == AF_INET6) {
+        int probe6 = IPV6_PMTUDISC_PROBE;
+        setsockopt(fd, IPPROTO_IPV6, IPV6_MTU_DISCOVER, &probe6, sizeof probe6);
+    }
+}
+
 Error posixError(int code) {
     return Error::withDescription(UdpSocket::kPosixErrorDomain, code,
                                   std::system_category().message(code));
@@ -245,6 +257,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
     // The kernel splits a message into datagrams (UDP_SEGMENT); off for good once a path
     // refuses a split message (an IPsec route does).
     std::atomic<bool> segmentation{false};
+    std::atomic<bool> dontFragment{false};
 
     // Strand only.
     std::optional<asio::posix::stream_descriptor> descriptor;
@@ -412,6 +425,8 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         keepReceiveFeaturesSwitchedOn();
         enableReceiveTimestamps(newFd);
         takeJoinedDatagrams(newFd);
+        if (dontFragment)
+            leaveUnfragmented(newFd, newFamily);
 
         int segmentSize = 0;
         socklen_t optionLength = sizeof segmentSize;
@@ -902,10 +917,17 @@ bool UdpSocket::sendDatagrams(const std::vector<OutgoingDatagram>& datagrams) {
     std::vector<Destination> destinations;
     literal.reserve(std::min<std::size_t>(datagrams.size(), kSendBatch));
     destinations.reserve(literal.capacity());
+    // A host's probes come one after another: its address is parsed once for them all.
+    const OutgoingDatagram* parsed = nullptr;
+    std::optional<Destination> destination;
     for (const auto& datagram : datagrams) {
         if (state_->takeInjectedFailure(datagram.tag))
             continue;
-        if (auto destination = parseLiteral(datagram.host, datagram.port)) {
+        if (!parsed || datagram.port != parsed->port || datagram.host != parsed->host) {
+            destination = parseLiteral(datagram.host, datagram.port);
+            parsed = &datagram;
+        }
+        if (destination) {
             literal.push_back(&datagram);
             destinations.push_back(*destination);
             if (literal.size() == kSendBatch) {
@@ -971,6 +993,15 @@ int UdpSocket::setSendBufferSize(int bytes) {
         getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &granted, &length);
     });
     return granted;
+}
+
+void UdpSocket::setDontFragment() {
+    state_->dontFragment = true;
+    if (state_->isBound())
+        state_->runOnStrand([&] {
+            if (state_->fd >= 0)
+                leaveUnfragmented(state_->fd, state_->family);
+        });
 }
 
 std::uint64_t UdpSocket::sendCallCount() const {

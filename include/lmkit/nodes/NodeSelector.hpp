@@ -219,9 +219,9 @@ class NodeSelector : public std::enable_shared_from_this<NodeSelector> {
         std::uint16_t port;
     };
     ProbeOrigin probeOrigin();
-    /// Stamps one probe to `host` and adds it to `batch`.
+    /// Stamps one probe to `host` with the clock reading `now` and adds it to `batch`.
     static void appendProbe(std::vector<OutgoingDatagram>& batch, const ProbeOrigin& origin,
-                            const std::string& host, long tag);
+                            const std::string& host, long tag, double now);
     /// Hands a group's probes to the socket in one call, then counts each as sent; false (and
     /// nothing sent or counted) once run `generation` is over.
     bool sendProbes(std::uint64_t generation, const std::shared_ptr<UdpSocket>& socket,

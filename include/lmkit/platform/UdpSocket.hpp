@@ -137,6 +137,12 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     /// Same for the send buffer.
     int setSendBufferSize(int bytes);
 
+    /// Datagrams leave with don't-fragment set and the path MTU ignored, which spares the kernel
+    /// work per datagram on a burst of small ones such as probes. One larger than the way out's
+    /// MTU is refused (a did-not-send event with EMSGSIZE) instead of fragmented. Takes effect
+    /// at binding when called before it.
+    void setDontFragment();
+
     /// System calls that handed datagrams to the kernel so far (sendto and sendmmsg alike): a
     /// group sent with sendDatagrams() costs one per 1,024 datagrams.
     std::uint64_t sendCallCount() const;
