@@ -63,6 +63,30 @@ struct EchoServer::Impl {
         };
         std::optional<Held> held;  // reorder: the reply waiting for its successor
     };
+    struct alignas(cmsghdr) Control {
+        char bytes[testbed::kArrivalControlBytes];
+    };
+    // A reply that waits to leave with others.
+    struct Outgoing {
+        int fd;
+        sockaddr_storage to;
+        socklen_t length;
+        std::vector<uint8_t> payload;
+        Control control{};
+        std::size_t controlLength = 0;
+        std::size_t datagrams = 1;
+
+        msghdr header(iovec& vector) {
+            msghdr header{};
+            header.msg_name = &to;
+            header.msg_namelen = length;
+            header.msg_iov = &vector;
+            header.msg_iovlen = 1;
+            header.msg_control = controlLength ? control.bytes : nullptr;
+            header.msg_controllen = controlLength;
+            return header;
+        }
+    };
 
     std::unique_ptr<ServerLoop> loop;
     std::vector<Endpoint> endpoints;  // fixed after start; the fields change on the loop only
@@ -78,10 +102,10 @@ struct EchoServer::Impl {
     std::array<mmsghdr, kBatch> messages{};
     std::array<iovec, kBatch> vectors{};
     std::array<sockaddr_storage, kBatch> sources{};
-    struct alignas(cmsghdr) Control {
-        char bytes[testbed::kArrivalControlBytes];
-    };
     std::array<Control, kBatch> controls{};
+    // Replies of the timed actions now running, held to leave together (loop thread only).
+    bool holding = false;
+    std::vector<Outgoing> outgoing;
 
     ~Impl() {
         loop.reset();  // the thread first: it uses the descriptors
@@ -95,23 +119,52 @@ struct EchoServer::Impl {
         }
     }
 
-    /// Sends `payload`; a message read whole (`segment` > 0) leaves whole, cut as it came.
+    /// Sends `payload`; a message read whole (`segment` > 0) leaves whole, cut as it came. The
+    /// replies of timed actions wait until the loop has run every action due, and leave together.
     void transmit(Endpoint& endpoint, const sockaddr_storage& to, socklen_t length,
                   const std::vector<uint8_t>& payload, std::size_t segment = 0) {
-        int fd = endpoint.config.faults.otherPort ? endpoint.otherFd : endpoint.fd;
-        iovec vector{const_cast<uint8_t*>(payload.data()), payload.size()};
-        Control control;
-        msghdr header{};
-        header.msg_name = const_cast<sockaddr_storage*>(&to);
-        header.msg_namelen = length;
-        header.msg_iov = &vector;
-        header.msg_iovlen = 1;
-        header.msg_control = control.bytes;
-        const std::size_t datagrams = testbed::cutIntoSegments(header, payload.size(), segment);
+        Outgoing message{endpoint.config.faults.otherPort ? endpoint.otherFd : endpoint.fd, to,
+                         length, payload};
+        iovec vector{message.payload.data(), message.payload.size()};
+        msghdr header = message.header(vector);
+        header.msg_control = message.control.bytes;
+        message.datagrams = testbed::cutIntoSegments(header, payload.size(), segment);
         if (endpoint.shared)
-            testbed::leaveFrom(header, control.bytes, endpoint.address);
-        if (::sendmsg(fd, &header, 0) >= 0)
-            sent += datagrams;
+            testbed::leaveFrom(header, message.control.bytes, endpoint.address);
+        message.controlLength = header.msg_controllen;
+        if (holding) {
+            outgoing.push_back(std::move(message));
+            return;
+        }
+        if (::sendmsg(message.fd, &header, 0) >= 0)
+            sent += message.datagrams;
+    }
+
+    /// Sends the replies the last pass of due actions held, a system call per socket: a burst of
+    /// probes falls due as a burst of replies, and a call per reply made the last ones late by
+    /// milliseconds.
+    void sendHeld() {
+        holding = false;
+        if (outgoing.empty())
+            return;
+        std::vector<iovec> vectors(outgoing.size());
+        std::vector<mmsghdr> headers(outgoing.size());
+        for (std::size_t i = 0; i < outgoing.size(); ++i) {
+            vectors[i] = {outgoing[i].payload.data(), outgoing[i].payload.size()};
+            headers[i].msg_hdr = outgoing[i].header(vectors[i]);
+        }
+        for (std::size_t done = 0; done < outgoing.size();) {
+            std::size_t end = done;
+            while (end < outgoing.size() && outgoing[end].fd == outgoing[done].fd)
+                ++end;
+            int n = sendmmsg(outgoing[done].fd, headers.data() + done,
+                             static_cast<unsigned>(end - done), 0);
+            // A refused reply is lost, as a single send's would be; the rest still go.
+            for (int i = 0; i < n; ++i)
+                sent += outgoing[done + static_cast<std::size_t>(i)].datagrams;
+            done += n > 0 ? static_cast<std::size_t>(n) : 1;
+        }
+        outgoing.clear();
     }
 
     /// Sends a reply now, applying the faults that shape what leaves.
@@ -169,6 +222,7 @@ struct EchoServer::Impl {
         auto due = arrived + std::chrono::duration_cast<ServerLoop::Clock::duration>(
                                  std::chrono::duration<double>(wait));
         loop->at(due, [this, index, from, length, segment, payload = std::move(payload)]() mutable {
+            holding = true;
             reply(endpoints[index], from, length, std::move(payload), segment);
         });
     }
@@ -286,6 +340,7 @@ std::unique_ptr<EchoServer> EchoServer::start(const std::vector<EchoEndpointConf
     impl->loop = ServerLoop::create(reason);
     if (!impl->loop)
         return fail(reason);
+    impl->loop->afterDueActions([raw = impl.get()] { raw->sendHeld(); });
 
     // Ports with enough IPv4 endpoints get one socket for all of them; a port that cannot be
     // had on every address keeps a socket per endpoint.

@@ -151,14 +151,22 @@ void ServerLoop::run() {
     }
 }
 
+void ServerLoop::afterDueActions(Action action) {
+    afterDueActions_ = std::move(action);
+}
+
 void ServerLoop::runDueActions() {
     auto order = [](auto& a, auto& b) { return later(a, b); };
+    bool ran = false;
     while (!timed_.empty() && timed_.front().due <= Clock::now() + kDueSlack) {
         std::pop_heap(timed_.begin(), timed_.end(), order);
         auto action = std::move(timed_.back().action);
         timed_.pop_back();
         action();
+        ran = true;
     }
+    if (ran && afterDueActions_)
+        afterDueActions_();
 }
 
 void ServerLoop::armTimer() {

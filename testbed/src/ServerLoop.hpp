@@ -42,6 +42,9 @@ class ServerLoop {
     /// Runs `action` on the loop's thread at `due` (at once when it has passed).
     void at(Clock::time_point due, Action action);
     void after(double seconds, Action action);
+    /// Calls `action` after each pass that ran timed actions: what they produced can be finished
+    /// together.
+    void afterDueActions(Action action);
 
     /// Starts the thread and returns once it waits for events: a datagram sent after start()
     /// returns is answered without any start-up cost of the server's.
@@ -69,6 +72,7 @@ class ServerLoop {
     bool started_ = false;
     std::unordered_map<int, Action> readers_;
     std::vector<Timed> timed_;  // a min-heap on (due, sequence)
+    Action afterDueActions_;
     std::uint64_t sequence_ = 0;
     Clock::time_point armedFor_ = Clock::time_point::max();
     Clock::time_point awakeUntil_;  // loop thread only
