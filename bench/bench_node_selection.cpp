@@ -52,7 +52,10 @@ namespace {
 
 constexpr int kServers = 10000;
 constexpr long kProbes = 5;
-constexpr int kRuns = 5;
+// Medians of this many runs: a figure of a few milliseconds moves by a millisecond from run to run
+// on a busy 2-core machine, and the median of five runs still moved by as much between
+// invocations.
+constexpr int kRuns = 9;
 const double kInjectedMs[] = {5, 20, 120};
 constexpr double kLargestInjectedMs = 120;
 const char* const kFastHost = "127.2.0.1";  // answers after 0.05 ms
@@ -560,9 +563,10 @@ int main(int argc, char** argv) {
             fastScore = r.chosen[0]->score();
         }
     }
-    bench::result("a 0.05 ms node against a 5 ms node", "ranked first, non-zero score",
-                  format("first in %.0f of 5 runs (score %.1f)", firsts, fastScore),
-                  firsts == kRuns);
+    bench::result(
+        "a 0.05 ms node against a 5 ms node", "ranked first, non-zero score",
+        format("first in %.0f of %.0f runs", firsts, kRuns) + format(" (score %.1f)", fastScore),
+        firsts == kRuns);
 
     if (argc > 1) {
         double peak = selectPeakMegabytes(argv[1], port, kServers);
