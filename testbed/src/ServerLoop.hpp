@@ -14,7 +14,7 @@ namespace lmkit::testbed {
 /// The event loop of a test server: a thread of its own that waits on the server's sockets and
 /// on a queue of timed actions.
 ///
-/// Each timed action runs at its own deadline: a timerfd wakes the thread two milliseconds before
+/// Each timed action runs at its own deadline: a timerfd wakes the thread four milliseconds before
 /// the earliest one and the thread polls its sockets without sleeping until it falls due, so a
 /// reply held for 5 ms never waits behind another reply's deadline nor for the thread to wake
 /// up (a millisecond poll time-out would round every deadline up by up to a millisecond).
