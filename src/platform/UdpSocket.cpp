@@ -248,9 +248,12 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
     const DispatchQueue delegateQueue;
     asio::strand<asio::any_io_executor> strand;
 
-    // Written on the strand under a unique lock; read on the strand freely and elsewhere under
-    // a shared lock, so that a send never writes to a descriptor that close() recycled.
+    // Written under a unique lock (by binding, and on the strand by close()); read under a shared
+    // lock, so that a send never writes to a descriptor that close() recycled.
     mutable std::shared_mutex fdMutex;
+    // Held while the socket is opened and bound, on the caller's own thread: a trip to the strand
+    // and back would cost a pool thread's wake-up and the caller's before the first datagram.
+    std::mutex bindMutex;
     int fd = -1;
     int family = 0;
     uint16_t port = 0;
@@ -365,7 +368,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         });
     }
 
-    // Strand only.
+    // Under bindMutex.
     bool openAndBind(uint16_t localPort, const std::optional<std::string>& interfaceName,
                      Error* error) {
         auto fail = [&](Error failure) {
@@ -375,7 +378,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         };
         if (closed)
             return fail(socketError(kClosed, "socket is closed"));
-        if (fd >= 0)
+        if (isBound())
             return fail(socketError(kBadConfig, "socket is already bound"));
 
         sockaddr_storage local{};
@@ -434,11 +437,15 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
             getsockopt(newFd, SOL_UDP, UDP_SEGMENT, &segmentSize, &optionLength) == 0;
 
         std::unique_lock lock(fdMutex);
+        if (closed) {
+            // close() came meanwhile; its block on the strand may have found nothing to close.
+            ::close(newFd);
+            return fail(socketError(kClosed, "socket is closed"));
+        }
         fd = newFd;
         family = newFamily;
         segmentation = canSegment;
         port = describeSource(bound).port;
-        descriptor.emplace(strand, newFd);
         return true;
     }
 
@@ -454,8 +461,14 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
 
     // Strand only.
     void startReceiving() {
-        if (receiving || !descriptor)
+        if (receiving)
             return;
+        if (!descriptor) {
+            std::shared_lock lock(fdMutex);
+            if (fd < 0)
+                return;
+            descriptor.emplace(strand, fd);
+        }
         receiving = true;
         receiveBuffer.reset(new uint8_t[kReceiveBatch * kMaxMessageBytes]);
         receiveLoop();
@@ -574,6 +587,8 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
             std::error_code ignored;
             descriptor->close(ignored);
             descriptor.reset();
+        } else if (fd >= 0) {
+            ::close(fd);  // bound, never read
         }
         fd = -1;
         port = 0;
@@ -601,15 +616,17 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
         return fd >= 0;
     }
 
-    bool ensureBound() {
+    // Binds to an any port unless bound already.
+    bool ensureBound(Error* error = nullptr) {
+        if (closed) {
+            if (error)
+                *error = socketError(kClosed, "socket is closed");
+            return false;
+        }
         if (isBound())
             return true;
-        bool bound = false;
-        runOnStrand([&] {
-            Error ignored;
-            bound = fd >= 0 || openAndBind(0, std::nullopt, &ignored);
-        });
-        return bound;
+        std::lock_guard guard(bindMutex);
+        return isBound() || openAndBind(0, std::nullopt, error);
     }
 
     void sendTo(const uint8_t* data, size_t size, const Destination& destination, long tag) {
@@ -854,40 +871,25 @@ UdpSocket::~UdpSocket() {
 }
 
 bool UdpSocket::bindToPort(uint16_t port, Error* error) {
-    bool bound = false;
-    state_->runOnStrand([&] { bound = state_->openAndBind(port, std::nullopt, error); });
-    return bound;
+    std::lock_guard guard(state_->bindMutex);
+    return state_->openAndBind(port, std::nullopt, error);
 }
 
 bool UdpSocket::bindToPort(uint16_t port, const std::string& interfaceName, Error* error) {
-    bool bound = false;
-    state_->runOnStrand([&] { bound = state_->openAndBind(port, interfaceName, error); });
-    return bound;
+    std::lock_guard guard(state_->bindMutex);
+    return state_->openAndBind(port, interfaceName, error);
 }
 
 bool UdpSocket::beginReceiving(Error* error) {
-    if (!state_->closed && state_->isBound()) {
-        // The strand starts reading in its own time: waiting for it would cost a hand-over to a
-        // pool thread and back. A datagram that comes first waits in the socket's buffer.
-        asio::post(state_->strand, [state = state_] {
-            if (!state->closed)
-                state->startReceiving();
-        });
-        return true;
-    }
-    bool started = false;
-    state_->runOnStrand([&] {
-        if (state_->closed) {
-            if (error)
-                *error = socketError(kClosed, "socket is closed");
-            return;
-        }
-        if (state_->fd < 0 && !state_->openAndBind(0, std::nullopt, error))
-            return;
-        state_->startReceiving();
-        started = true;
+    if (!state_->ensureBound(error))
+        return false;
+    // The strand starts reading in its own time: waiting for it would cost a hand-over to a pool
+    // thread and back. A datagram that comes first waits in the socket's buffer.
+    asio::post(state_->strand, [state = state_] {
+        if (!state->closed)
+            state->startReceiving();
     });
-    return started;
+    return true;
 }
 
 bool UdpSocket::sendData(std::string_view data, const std::string& host, uint16_t port, long tag) {
@@ -967,15 +969,17 @@ int UdpSocket::socketFD() const {
     return state_->fd;
 }
 
+// These run on the strand, where close() closes the descriptor, so that it stays open while they
+// use it.
 void UdpSocket::perform(const std::function<void(int fd)>& block) {
-    state_->runOnStrand([&] { block(state_->fd); });
+    state_->runOnStrand([&] { block(socketFD()); });
 }
 
 int UdpSocket::setReceiveBufferSize(int bytes) {
     int granted = -1;
     state_->runOnStrand([&] {
-        if (state_->fd >= 0)
-            granted = State::enlargeReceiveBuffer(state_->fd, bytes);
+        if (int fd = socketFD(); fd >= 0)
+            granted = State::enlargeReceiveBuffer(fd, bytes);
     });
     return granted;
 }
@@ -983,7 +987,7 @@ int UdpSocket::setReceiveBufferSize(int bytes) {
 int UdpSocket::setSendBufferSize(int bytes) {
     int granted = -1;
     state_->runOnStrand([&] {
-        int fd = state_->fd;
+        int fd = socketFD();
         if (fd < 0)
             return;
         if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0) {
@@ -996,12 +1000,12 @@ int UdpSocket::setSendBufferSize(int bytes) {
 }
 
 void UdpSocket::setDontFragment() {
+    // No binding can be under way, and close() waits for the shared lock.
+    std::lock_guard guard(state_->bindMutex);
     state_->dontFragment = true;
-    if (state_->isBound())
-        state_->runOnStrand([&] {
-            if (state_->fd >= 0)
-                leaveUnfragmented(state_->fd, state_->family);
-        });
+    std::shared_lock lock(state_->fdMutex);
+    if (state_->fd >= 0)
+        leaveUnfragmented(state_->fd, state_->family);
 }
 
 std::uint64_t UdpSocket::sendCallCount() const {
