@@ -437,8 +437,10 @@ void NodeSelector::setUp(std::uint64_t generation, Nodes nodes,
     if (!startLine.empty())
         log::info(startLine);
     sendPacketsDataByGroup(generation);
-    // The settings store is read once the first group has left, so that the probes do not wait
-    // on it. Nothing is scored before this block returns: replies are recorded on this queue.
+    // The room for delays and the settings store wait until the first group has left, so that
+    // the probes do not wait on them. Nothing is recorded or scored before this block returns:
+    // replies are recorded on this queue.
+    keys_->makeRoomForDelays();
     scoringSettings_ = ScoringSettings::current();
 }
 

@@ -25,7 +25,6 @@ void ProbeKeys::reset(std::vector<std::shared_ptr<AccNode>> nodes, std::size_t p
     text_.reserve(count * kTypicalKeyBytes);
     keys_.reserve(count);
     nextNode_.assign(count, kNone);
-    delays_.reserve(count * probesPerKey);
     // Never more keys than nodes: the table stays at most half full, so probes stay short.
     const std::size_t wanted = std::bit_ceil(std::max<std::size_t>(2 * count, 16));
     if (slots_.size() != wanted)
@@ -55,7 +54,6 @@ std::pair<ProbeKeys::Index, bool> ProbeKeys::add(std::string_view key, Index n) 
         keys_.push_back({static_cast<std::uint32_t>(text_.size()),
                          static_cast<std::uint32_t>(key.size()), kNone, kNone, 0, false});
         text_.append(key);
-        delays_.resize(delays_.size() + probesPerKey_);
         const std::size_t mask = slots_.size() - 1;
         std::size_t slot = hashOf(key) & mask;
         while (slots_[slot] != 0)
@@ -69,6 +67,10 @@ std::pair<ProbeKeys::Index, bool> ProbeKeys::add(std::string_view key, Index n) 
         nextNode_[entry.lastNode] = n;
     entry.lastNode = n;
     return {k, added};
+}
+
+void ProbeKeys::makeRoomForDelays() {
+    delays_.assign(keys_.size() * probesPerKey_, 0.0);
 }
 
 std::vector<std::shared_ptr<AccNode>> ProbeKeys::allNodes() const {

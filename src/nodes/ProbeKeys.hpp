@@ -47,6 +47,9 @@ class ProbeKeys {
     /// Every node of every key, key by key.
     std::vector<std::shared_ptr<AccNode>> allNodes() const;
 
+    /// Makes room for every key's delays, once the keys are all added. Until then a run's keys
+    /// take no room for delays: that room is pages a run's first probes need not wait for.
+    void makeRoomForDelays();
     /// Records one more delay for key `k`; returns how many it now has.
     std::size_t addDelay(Index k, double delay);
     /// The delays of key `k`, in arrival order.

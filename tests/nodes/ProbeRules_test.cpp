@@ -125,6 +125,7 @@ TEST(ProbeKeys, NodesDelaysAndDuplicatesPerKey) {
         for (ProbeKeys::Index n = 0; n < 300; ++n)
             EXPECT_EQ(keys.add(*nodes[n]->ip + ":9", n).second, n % 3 == 0);
         ASSERT_EQ(keys.size(), 100u);
+        keys.makeRoomForDelays();
 
         const auto k = keys.find("10.0.42.1:9");
         ASSERT_NE(k, ProbeKeys::kNone);
