@@ -260,7 +260,7 @@ struct UdpSocket::State : std::enable_shared_from_this<State> {
     // The kernel splits a message into datagrams (UDP_SEGMENT); off for good once a path
     // refuses a split message (an IPsec route does).
     std::atomic<bool> segmentation{false};
-    std::atomic<bool> dontFragment{false};
+    bool dontFragment = false;  // guarded by bindMutex, which binding and setDontFragment() hold
 
     // Strand only.
     std::optional<asio::posix::stream_descriptor> descriptor;
